@@ -1,0 +1,115 @@
+// vrkutil: a command-line face for each family of libVrkutil.
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "command.h"
+
+namespace vrkutil {
+namespace {
+
+constexpr int kMaxCommands = 32;
+Command g_commands[kMaxCommands];
+int g_command_count = 0;
+
+const Command* Find(std::string_view name) {
+  for (int i = 0; i < g_command_count; ++i) {
+    if (name == g_commands[i].name) return &g_commands[i];
+  }
+  return nullptr;
+}
+
+void PrintHelp(FILE* out) {
+  std::fprintf(out,
+               "usage: vrkutil [--help] [--version] COMMAND [ARGS...]\n"
+               "\n"
+               "Command-line access to the libVrkutil functions.\n"
+               "\n"
+               "Commands:\n");
+  Command sorted[kMaxCommands];
+  std::copy(g_commands, g_commands + g_command_count, sorted);
+  std::sort(sorted, sorted + g_command_count,
+            [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
+  for (int i = 0; i < g_command_count; ++i) {
+    std::fprintf(out, "  %-12s %s\n", sorted[i].name, sorted[i].summary);
+  }
+  std::fprintf(out, "\nRun 'vrkutil COMMAND --help' for a command's arguments.\n");
+}
+
+void PrintCommandHelp(const Command& c) {
+  std::printf("usage: vrkutil %s %s\n\n%s\n", c.name, c.usage, c.help);
+}
+
+}  // namespace
+
+bool Register(const Command& command) {
+  if (g_command_count == kMaxCommands) std::abort();  // a build mistake, not input
+  g_commands[g_command_count++] = command;
+  return true;
+}
+
+int Fail(int status, const char* format, ...) {
+  std::fputs("vrkutil: ", stderr);
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stderr, format, args);
+  va_end(args);
+  std::fputc('\n', stderr);
+  return status;
+}
+
+int UsageError(const Command& command, const char* format, ...) {
+  std::fprintf(stderr, "vrkutil %s: ", command.name);
+  va_list args;
+  va_start(args, format);
+  std::vfprintf(stderr, format, args);
+  va_end(args);
+  std::fprintf(stderr, " (see 'vrkutil %s --help')\n", command.name);
+  return kExitUsage;
+}
+
+bool ParseInt(std::string_view text, long long& out) {
+  if (text.empty() || text.size() > 24) return false;
+  char buffer[32];
+  std::memcpy(buffer, text.data(), text.size());
+  buffer[text.size()] = '\0';
+  char* end = nullptr;
+  errno = 0;
+  const long long value = std::strtoll(buffer, &end, 0);
+  if (errno != 0 || end != buffer + text.size()) return false;
+  out = value;
+  return true;
+}
+
+}  // namespace vrkutil
+
+int main(int argc, char** argv) {
+  using namespace vrkutil;
+  if (argc < 2) {
+    std::fputs("vrkutil: no command given (see 'vrkutil --help')\n", stderr);
+    return kExitUsage;
+  }
+  const std::string_view first = argv[1];
+  if (first == "--help" || first == "-h" || first == "help") {
+    PrintHelp(stdout);
+    return kExitOk;
+  }
+  if (first == "--version") {
+    std::printf("vrkutil %s\n", VRKUTIL_VERSION);
+    return kExitOk;
+  }
+  const Command* command = Find(first);
+  if (!command) {
+    return Fail(kExitUsage, "unknown command '%s' (see 'vrkutil --help')", argv[1]);
+  }
+  const Args args(argv + 2, argv + argc);
+  if (std::any_of(args.begin(), args.end(),
+                  [](const char* a) { return std::strcmp(a, "--help") == 0 || std::strcmp(a, "-h") == 0; })) {
+    PrintCommandHelp(*command);
+    return kExitOk;
+  }
+  return command->run(args);
+}
