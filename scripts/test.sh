@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything for i386 and runs the whole
+# test suite twice: plain, and under AddressSanitizer+UndefinedBehaviorSanitizer.
+# Build folders: build/ (plain) and build-sanitize/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+jobs=$(nproc)
+
+run_suite() {
+  local dir=$1; shift
+  cmake -S . -B "$dir" -DVRK_WERROR=ON "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs"
+  ctest --test-dir "$dir" -j"$jobs" --output-on-failure
+}
+
+echo "== plain build and tests"
+run_suite build
+echo "== sanitized build and tests (address, undefined)"
+ASAN_OPTIONS=detect_leaks=0 run_suite build-sanitize -DVRK_SANITIZE=ON -DVRK_BUILD_BENCH=OFF
