@@ -49,6 +49,19 @@ __attribute__((no_sanitize_address, no_sanitize("undefined"))) bool Crc32ClmulSu
   return (ecx & bit_PCLMUL) && (ecx & bit_SSE4_1) && (edx & bit_SSE2);
 }
 
+__attribute__((no_sanitize_address, no_sanitize("undefined"))) bool Crc32VclmulSupported() {
+  if (!Crc32ClmulSupported()) return false;
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  __get_cpuid(1, &eax, &ebx, &ecx, &edx);
+  if (!(ecx & bit_OSXSAVE) || !(ecx & bit_AVX)) return false;
+  // The operating system must save the vector registers' upper halves.
+  unsigned xcr0_lo = 0, xcr0_hi = 0;
+  __asm__ volatile("xgetbv" : "=a"(xcr0_lo), "=d"(xcr0_hi) : "c"(0));
+  if ((xcr0_lo & 6u) != 6u) return false;
+  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return false;
+  return (ebx & bit_AVX2) && (ecx & bit_VPCLMULQDQ);
+}
+
 }  // namespace vrk::checksum
 
 // The kernels are chosen by the dynamic loader while it relocates the
@@ -65,6 +78,7 @@ using VrkCrc32BlocksKernel = void (*)(const uint8_t*, uint32_t, uint32_t*);
 
 VRK_RESOLVER static VrkCrc32Kernel vrk_checksum_resolve_crc32() {
   using namespace vrk::checksum;
+  if (Crc32VclmulSupported()) return &Crc32Vclmul;
   return Crc32ClmulSupported() ? &Crc32Clmul : &Crc32Slicing;
 }
 

@@ -37,5 +37,9 @@ void Crc32Blocks64Slicing(const uint8_t* data, uint32_t count, uint32_t* out);
 bool Crc32ClmulSupported();
 uint32_t Crc32Clmul(const uint8_t* data, uint32_t crc, uint32_t length);
 void Crc32Blocks64Clmul(const uint8_t* data, uint32_t count, uint32_t* out);
+// The same with 256-bit registers (AVX2 and VPCLMULQDQ, enabled by the
+// operating system): only where Crc32VclmulSupported() is true.
+bool Crc32VclmulSupported();
+uint32_t Crc32Vclmul(const uint8_t* data, uint32_t crc, uint32_t length);
 
 }  // namespace vrk::checksum

@@ -19,13 +19,14 @@ struct KernelCase {
   const char* name;
   Kernel crc;
   BlocksKernel blocks;
-  bool needs_clmul;
+  int needs;  // 0: any processor, 1: PCLMULQDQ, 2: VPCLMULQDQ
 };
 
 class Crc32Kernel : public testing::TestWithParam<KernelCase> {
  protected:
   void SetUp() override {
-    if (GetParam().needs_clmul && !Crc32ClmulSupported()) GTEST_SKIP() << "no PCLMULQDQ on this processor";
+    if (GetParam().needs == 1 && !Crc32ClmulSupported()) GTEST_SKIP() << "no PCLMULQDQ on this processor";
+    if (GetParam().needs == 2 && !Crc32VclmulSupported()) GTEST_SKIP() << "no VPCLMULQDQ on this processor";
   }
 };
 
@@ -69,9 +70,10 @@ TEST_P(Crc32Kernel, BlocksOf64) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Crc32Kernel,
-                         testing::Values(KernelCase{"slicing", Crc32Slicing, Crc32Blocks64Slicing, false},
-                                         KernelCase{"clmul", Crc32Clmul, Crc32Blocks64Clmul, true},
-                                         KernelCase{"chosen", Crc32, Crc32Blocks64, false}),
+                         testing::Values(KernelCase{"slicing", Crc32Slicing, Crc32Blocks64Slicing, 0},
+                                         KernelCase{"clmul", Crc32Clmul, Crc32Blocks64Clmul, 1},
+                                         KernelCase{"vclmul", Crc32Vclmul, Crc32Blocks64Clmul, 2},
+                                         KernelCase{"chosen", Crc32, Crc32Blocks64, 0}),
                          [](const testing::TestParamInfo<KernelCase>& info) { return info.param.name; });
 
 TEST(Crc32Zeros, ChainsBlockRegisters) {
