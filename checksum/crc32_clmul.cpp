@@ -33,8 +33,8 @@ VRK_CLMUL inline __m128i Fold(__m128i lane, __m128i k, __m128i next) {
   return _mm_xor_si128(_mm_xor_si128(hi, lo), next);
 }
 
-// 128 bits that stand for the register followed by 16 more message bytes,
-// down to the 32-bit register.
+// The fold's 128-bit remainder (the last 16 message bytes with everything
+// before them folded in) reduced to the 32-bit register.
 VRK_CLMUL inline uint32_t Reduce128(__m128i x) {
   const __m128i mask32 = _mm_setr_epi32(-1, 0, -1, 0);
   // 128 -> 96 bits: the low 64 bits times x^64.
