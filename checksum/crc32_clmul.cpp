@@ -26,6 +26,24 @@ alignas(16) constexpr uint64_t kBarrett[2] = {0x01DB710641ull, 0x01F7011641ull};
 alignas(32) constexpr uint64_t kFold128x2[4] = {0x01E88EF372ull, 0x014A7FE880ull, 0x01E88EF372ull, 0x014A7FE880ull};
 alignas(32) constexpr uint64_t kFold32x2[4] = {0x00F1DA05AAull, 0x015A546366ull, 0x00F1DA05AAull, 0x015A546366ull};
 
+// x^n mod P (P = 0x104C11DB7, the unreflected polynomial), bit-reversed and
+// shifted left by one: the form the reflected fold multiplies by.
+consteval uint64_t FoldConstant(uint32_t n) {
+  uint64_t r = 1;
+  for (uint32_t i = 0; i < n; ++i) {
+    r <<= 1;
+    if (r & (1ull << 32)) r ^= 0x104C11DB7ull;
+  }
+  uint64_t reflected = 0;
+  for (int bit = 0; bit < 32; ++bit) reflected |= ((r >> bit) & 1u) << (31 - bit);
+  return reflected << 1;
+}
+static_assert(kFold64[0] == FoldConstant(512 + 32) && kFold64[1] == FoldConstant(512 - 32));
+static_assert(kFold16[0] == FoldConstant(128 + 32) && kFold16[1] == FoldConstant(128 - 32));
+static_assert(kFold8[0] == FoldConstant(64));
+static_assert(kFold128x2[0] == FoldConstant(1024 + 32) && kFold128x2[1] == FoldConstant(1024 - 32));
+static_assert(kFold32x2[0] == FoldConstant(256 + 32) && kFold32x2[1] == FoldConstant(256 - 32));
+
 // One fold step: lane * x^distance, added to the 128 bits that follow.
 VRK_CLMUL inline __m128i Fold(__m128i lane, __m128i k, __m128i next) {
   const __m128i lo = _mm_clmulepi64_si128(lane, k, 0x00);
