@@ -15,7 +15,7 @@ namespace {
 // Copies `text` into `out` and terminates it; the caller has checked that
 // text.size() < the buffer size.
 void PutString(char* out, std::string_view text) {
-  std::memcpy(out, text.data(), text.size());
+  if (!text.empty()) std::memcpy(out, text.data(), text.size());
   out[text.size()] = '\0';
 }
 

@@ -18,8 +18,15 @@
 // tempnam is reached through its versioned name: a plain reference makes the
 // linker advise mkstemp, which creates a file, while this call must only
 // name one. The binding is the one a plain reference would get on i386.
+// Sanitized builds keep the plain name: their runtime defines tempnam itself
+// (drawing no advice), and a versioned reference next to it leaves a broken
+// local entry in the dynamic symbol table.
+#if defined(__SANITIZE_ADDRESS__)
+#define vrk_osutil_tempnam tempnam
+#else
 extern "C" char* vrk_osutil_tempnam(const char* dir, const char* prefix);
 __asm__(".symver vrk_osutil_tempnam, tempnam@GLIBC_2.0");
+#endif
 
 namespace vrk::osutil {
 
