@@ -12,6 +12,13 @@
 namespace vrk::osutil {
 namespace {
 
+// The part of `text` from `from` on, at most `count` bytes long; `from` is
+// within `text`. (string_view::substr would bring in the C++ runtime for
+// its out-of-range exception.)
+std::string_view Part(std::string_view text, size_t from, size_t count = std::string_view::npos) {
+  return std::string_view(text.data() + from, std::min(count, text.size() - from));
+}
+
 // Copies `text` into `out` and terminates it; the caller has checked that
 // text.size() < the buffer size.
 void PutString(char* out, std::string_view text) {
@@ -65,13 +72,13 @@ void SplitPath(const char* path, const SplitParts& out) {
   }
 
   const size_t slash = whole.rfind('/');
-  const std::string_view name = slash == std::string_view::npos ? whole : whole.substr(slash + 1);
+  const std::string_view name = slash == std::string_view::npos ? whole : Part(whole, slash + 1);
 
   // The directory keeps its last "/", so "/x" gives "/" and "x" gives "".
-  if (out.dir) PutString(out.dir, slash == std::string_view::npos ? std::string_view() : whole.substr(0, slash + 1));
+  if (out.dir) PutString(out.dir, slash == std::string_view::npos ? std::string_view() : Part(whole, 0, slash + 1));
 
   const size_t dot = ExtensionDot(name);
-  const std::string_view stem = dot == std::string_view::npos ? name : name.substr(0, dot);
+  const std::string_view stem = dot == std::string_view::npos ? name : Part(name, 0, dot);
 
   if (out.fname) {
     // Callers compare the whole buffer, so the name is zero-filled to its
@@ -86,9 +93,9 @@ void SplitPath(const char* path, const SplitParts& out) {
       out.ext[0] = '\0';
     } else {
       // "." plus at most kMaxExt - 2 characters and the terminator.
-      const std::string_view tail = name.substr(dot + 1);
+      const std::string_view tail = Part(name, dot + 1);
       out.ext[0] = '.';
-      PutString(out.ext + 1, tail.substr(0, std::min<size_t>(tail.size(), kMaxExt - 2)));
+      PutString(out.ext + 1, Part(tail, 0, kMaxExt - 2));
     }
   }
 }
