@@ -26,25 +26,12 @@ using osutil_test::Guarded;
 using osutil_test::ScratchDir;
 
 // Sets or clears TMPDIR for one test and puts the old value back.
-class TmpdirOverride {
- public:
+struct TmpdirOverride {
   explicit TmpdirOverride(const char* value) {
     if (const char* old = std::getenv("TMPDIR")) old_ = old;
-    if (value) {
-      setenv("TMPDIR", value, 1);
-    } else {
-      unsetenv("TMPDIR");
-    }
+    value ? setenv("TMPDIR", value, 1) : unsetenv("TMPDIR");
   }
-  ~TmpdirOverride() {
-    if (old_) {
-      setenv("TMPDIR", old_->c_str(), 1);
-    } else {
-      unsetenv("TMPDIR");
-    }
-  }
-
- private:
+  ~TmpdirOverride() { old_ ? setenv("TMPDIR", old_->c_str(), 1) : unsetenv("TMPDIR"); }
   std::optional<std::string> old_;
 };
 
