@@ -261,7 +261,7 @@ int GetImageName(const ImageSpan& image, char* dst, uint32_t len) {
   return 1;
 }
 
-int CallEntryPoint(const ImageSpan& image, MODLOAD_PROCESS* process) {
+VRK_MODULE_CALL int CallEntryPoint(const ImageSpan& image, MODLOAD_PROCESS* process) {
   PE_IMAGE_NT_HEADERS32 nt;
   if (!image || !image.NtHeaders(nt)) return 1;
   if (!(nt.FileHeader.Characteristics & kFileDll)) return 1;
