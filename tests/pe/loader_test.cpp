@@ -325,8 +325,26 @@ TEST_F(PeLoader, InPlaceOnlyForMemoryHeldFilesLaidOutToRun) {
     auto bytes = w.Bytes();
     VFile file(bytes, c.mode);
     MODLOAD_PROCESS* p = NewProcess();
+    vrkvfile_log_clear(file.get());
     PELOAD_MODULE* m = PELOAD_LoadLibraryEx(file.get(), p, 1);
     ASSERT_NE(m, nullptr);
+    // The probe: one VReadPtr of one byte at position 0, after which the
+    // file position goes back to just past the NT headers.
+    uint32_t probes = 0;
+    for (uint32_t i = 0; i < vrkvfile_log_size(file.get()); ++i) {
+      const VrkVFileCall* call = vrkvfile_log_at(file.get(), i);
+      if (call->op != VRKVFILE_READPTR) continue;
+      ++probes;
+      EXPECT_EQ(call->position, 0u);
+      EXPECT_EQ(call->size, 1u);
+      EXPECT_EQ(call->count, 1u);
+      EXPECT_EQ(call->in_place, c.mode == VRKVFILE_IN_MEMORY ? 1 : 0);
+      const VrkVFileCall* back = vrkvfile_log_at(file.get(), i + 1);
+      ASSERT_NE(back, nullptr);
+      EXPECT_EQ(back->op, VRKVFILE_SEEK);
+      EXPECT_EQ(back->size, 0x80u + 248u);
+    }
+    EXPECT_EQ(probes, 1u);
     const PELOAD_IMAGE* image = ImageOf(m);
     EXPECT_EQ(image->inPlace, c.in_place ? 1 : 0);
     EXPECT_EQ(image->image == bytes.data(), c.in_place);
