@@ -72,19 +72,22 @@ uint8_t* ProbeInPlace(VFileHandle handle, uint32_t lfanew, const PE_IMAGE_NT_HEA
 // the end; a section whose seek fails is left zero rather than filled from
 // wherever the file stands. Short reads are not errors: they leave zeros.
 void CopySections(VFileHandle handle, const ImageSpan& image, uint32_t size_of_headers) {
+  const uint32_t header_area = std::min(size_of_headers, image.size());
   VSeek(handle, 0, 0);
-  VRead(image.base(), 1, std::min(size_of_headers, image.size()), handle);
+  VRead(image.base(), 1, header_area, handle);
 
   // The section table is taken from the headers as they now stand in the
-  // block, which is also what every later step reads.
+  // block, which is also what every later step reads. It must lie inside the
+  // header area that was read: past it the walk would take zeros, or the
+  // data of sections it has just copied, for section headers.
+  const ImageSpan headers(image.base(), header_area);
   PE_IMAGE_NT_HEADERS32 nt;
   uint32_t lfanew = 0;
   if (!image.NtHeaders(nt, &lfanew)) return;
   for (uint32_t i = 0; i < nt.FileHeader.NumberOfSections; ++i) {
     uint32_t offset = 0;
     PE_IMAGE_SECTION_HEADER section;
-    // A table running off the block ends the walk.
-    if (!SectionHeaderOffset(lfanew, nt, i, offset) || !image.Read(offset, section)) break;
+    if (!SectionHeaderOffset(lfanew, nt, i, offset) || !headers.Read(offset, section)) break;
     if (section.VirtualAddress >= image.size()) continue;
     if (section.PointerToRawData > uint32_t(INT32_MAX)) continue;  // cannot be sought
     const uint32_t length = std::min(section.SizeOfRawData, image.size() - section.VirtualAddress);

@@ -519,6 +519,8 @@ TEST_F(PeLoader, HostileImages) {
       {"section outside the block", [](PeWriter& w) { w.sections[0].VirtualAddress = 0x7FFF0000; }, true},
       {"section raw size past the block", [](PeWriter& w) { w.auto_raw = false; w.sections[0].PointerToRawData = 0x400; w.sections[0].SizeOfRawData = 0x7FFFFFFF; }, true},
       {"raw data beyond 2 GiB", [](PeWriter& w) { w.auto_raw = false; w.sections[0].PointerToRawData = 0x90000000; }, true},
+      {"section table past the headers read", [](PeWriter& w) { w.nt.OptionalHeader.SizeOfHeaders = 0x100; w.Put32(0x1100, 0x12345678); }, true,
+       [](const PELOAD_MODULE* m) { EXPECT_EQ(Read32(ImageOf(m)->image + 0x1100), 0u); }},
       {"65535 sections", [](PeWriter& w) { w.auto_count = false; w.nt.FileHeader.NumberOfSections = 0xFFFF; }, true},
       {"relocation block of size 0", [](PeWriter& w) { w.Put32(0x1FFC, 0); }, true},
       {"relocation block running off the image", [](PeWriter& w) { w.Put32(0x1FFC, 0x7FFFFFF0); }, true},
