@@ -74,7 +74,7 @@ uint8_t* ProbeInPlace(VFileHandle handle, uint32_t lfanew, const PE_IMAGE_NT_HEA
 void CopySections(VFileHandle handle, const ImageSpan& image, uint32_t size_of_headers) {
   const uint32_t header_area = std::min(size_of_headers, image.size());
   VSeek(handle, 0, 0);
-  VRead(image.base(), 1, header_area, handle);
+  VRead(image.At(0, header_area), 1, header_area, handle);
 
   // The section table is taken from the headers as they now stand in the
   // block, which is also what every later step reads. It must lie inside the
@@ -92,7 +92,7 @@ void CopySections(VFileHandle handle, const ImageSpan& image, uint32_t size_of_h
     if (section.PointerToRawData > uint32_t(INT32_MAX)) continue;  // cannot be sought
     const uint32_t length = std::min(section.SizeOfRawData, image.size() - section.VirtualAddress);
     if (VSeek(handle, int32_t(section.PointerToRawData), 0) != 0) continue;
-    VRead(image.base() + section.VirtualAddress, 1, length, handle);
+    VRead(image.At(section.VirtualAddress, length), 1, length, handle);
   }
 }
 
@@ -260,7 +260,7 @@ int GetImageName(const ImageSpan& image, char* dst, uint32_t len) {
   if (dir_rva == 0 || !image.Read(dir_rva, dir)) return 1;
   // A name running to the image end without a terminator is cut there.
   const uint32_t length = std::min(image.BoundedLength(dir.Name), len - 1);
-  if (length != 0) std::memcpy(dst, image.base() + dir.Name, length);
+  if (length != 0) std::memcpy(dst, image.At(dir.Name, length), length);
   return 1;
 }
 
@@ -271,9 +271,9 @@ VRK_MODULE_CALL int CallEntryPoint(const ImageSpan& image, MODLOAD_PROCESS* proc
   if (!(nt.OptionalHeader.DllCharacteristics & kDllCallEntryPoint)) return 1;
   // An entry point outside the image is never jumped to: the module is
   // refused as if its entry point had said no.
-  const uint32_t entry = nt.OptionalHeader.AddressOfEntryPoint;
-  if (entry >= image.size()) return 0;
-  const auto start = reinterpret_cast<DllEntryPoint>(image.base() + entry);
+  uint8_t* const code = image.At(nt.OptionalHeader.AddressOfEntryPoint, 1);
+  if (!code) return 0;
+  const auto start = reinterpret_cast<DllEntryPoint>(code);
   return start(image.base(), kDllProcessAttach, process);
 }
 

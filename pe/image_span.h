@@ -39,6 +39,10 @@ class ImageSpan {
     return true;
   }
 
+  // Pointer to [rva, rva + length) for bulk reads and writes (file reads
+  // into the image, name copies, entry points); null unless it lies inside.
+  uint8_t* At(uint32_t rva, uint32_t length) const { return base_ && Has(rva, length) ? base_ + rva : nullptr; }
+
   // The zero-terminated string at `rva`, or null when it does not end inside
   // the image (a name running off the end is refused, not cut).
   const char* String(uint32_t rva) const {
