@@ -1,0 +1,2 @@
+/* A small shared library for the library-loading tests. */
+int osutil_loadable_answer(void) { return 42; }
