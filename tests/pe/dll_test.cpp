@@ -1,0 +1,154 @@
+// The loader over DLLs that a compiler built: pe_test_a (exports by name and
+// by ordinal only, data pointing at itself, an entry point that records its
+// arguments), pe_test_b (imports from A by name and ordinal and from a native
+// module) and pe_test_refuse (imports from A, then refuses to load).
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "pe_test_util.h"
+#include "vrk_pe.h"
+#include "vrk_standin_ctl.h"
+
+namespace vrk::test {
+namespace {
+
+#ifdef VRK_PE_TEST_DLL_DIR
+
+// Served to pe_test_b as vrk_native.dll!HostMul (plain C convention, as the
+// DLL declares it).
+extern "C" int HostMul(int a, int b) { return a * b; }
+
+std::vector<uint8_t> Dll(const char* name) { return ReadWholeFile(std::string(VRK_PE_TEST_DLL_DIR) + "/" + name); }
+
+template <class T>
+T Export(PELOAD_MODULE* m, const char* name) {
+  return reinterpret_cast<T>(uintptr_t(PELOAD_GetProcAddress(m, name)));
+}
+
+class PeDll : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Natives::Reset();
+    Natives::Get().modules["vrk_native.dll"]["HostMul"] = uint32_t(reinterpret_cast<uintptr_t>(&HostMul));
+    a_ = Dll("pe_test_a.dll");
+    b_ = Dll("pe_test_b.dll");
+    refuse_ = Dll("pe_test_refuse.dll");
+    ASSERT_FALSE(a_.empty() || b_.empty() || refuse_.empty());
+  }
+  std::vector<uint8_t> a_, b_, refuse_;
+};
+
+TEST_F(PeDll, EntryPointRelocationsAndExports) {
+  for (int mode : {VRKVFILE_COPY, VRKVFILE_IN_MEMORY}) {
+    SCOPED_TRACE(mode);
+    VFile file(a_, mode);
+    MODLOAD_PROCESS* p = NewProcess(file.get());
+    ASSERT_NE(p, nullptr);
+    PELOAD_MODULE* a = PELOAD_LoadLibraryEx("PE_TEST_A.DLL", p, 0);
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(a->refcount, 2);
+    const PELOAD_IMAGE* image = ImageOf(a);
+    EXPECT_EQ(image->inPlace, 0);  // a linked DLL is never laid out to run in place
+    // The entry point ran once with (base, 1, the process record).
+    EXPECT_EQ(*Export<int*>(a, "a_entry_calls"), 1);
+    EXPECT_EQ(*Export<void**>(a, "a_entry_base"), image->image);
+    EXPECT_EQ(*Export<unsigned*>(a, "a_entry_reason"), 1u);
+    EXPECT_EQ(*Export<void**>(a, "a_entry_reserved"), p);
+    // The pointer in A's data was relocated to A's own data at this base.
+    int* counter = Export<int*>(a, "a_counter");
+    ASSERT_NE(counter, nullptr);
+    EXPECT_EQ(*counter, 41);
+    EXPECT_EQ(*Export<int**>(a, "a_counter_ptr"), counter);
+    // Code runs: by name, and the ordinal-only export by ordinal.
+    EXPECT_EQ(Export<int (*)(int)>(a, "AddOne")(41), 42);
+    EXPECT_EQ(Export<int* (*)()>(a, "CounterAddress")(), counter);
+    EXPECT_EQ(PELOAD_GetProcAddress(a, "Triple"), 0u);
+    auto triple = reinterpret_cast<int (*)(int)>(uintptr_t(PELOAD_GetProcAddress(a, reinterpret_cast<const char*>(7))));
+    ASSERT_NE(triple, nullptr);
+    EXPECT_EQ(triple(5), 15);
+    MODLOAD_TerminateProcess(p);
+  }
+}
+
+TEST_F(PeDll, ImportsFromAPeDllAndANativeModule) {
+  VFile fa(a_, VRKVFILE_COPY), fb(b_, VRKVFILE_IN_MEMORY);
+  MODLOAD_PROCESS* p = NewProcess(fa.get());
+  PELOAD_MODULE* b = PELOAD_LoadLibraryEx(fb.get(), p, 1);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(Export<int (*)(int)>(b, "Combined")(4), (4 + 1) * (4 * 3));
+  // B's binding took a reference on A and loaded the native module.
+  PELOAD_MODULE* a = PELOAD_LoadLibraryEx("pe_test_a.dll", p, 0);
+  EXPECT_EQ(a->refcount, 3);
+  EXPECT_EQ(Natives::Get().loads, (std::vector<std::string>{"vrk_native.dll"}));
+  // Oldest first: A, the native module, B.
+  std::vector<std::string> order;
+  for (PELOAD_MODULE* m = p->modules; m; m = m->next) order.insert(order.begin(), m->fullName);
+  EXPECT_EQ(order, (std::vector<std::string>{"pe_test_a.dll", "vrk_native.dll", "pe_test_b.dll"}));
+  MODLOAD_TerminateProcess(p);
+  EXPECT_EQ(Natives::Get().frees, (std::vector<std::string>{"vrk_native.dll"}));
+}
+
+TEST_F(PeDll, MissingImportFailsCleanly) {
+  VFile fb(b_, VRKVFILE_COPY);
+  MODLOAD_PROCESS* p = NewProcess();
+  EXPECT_EQ(PELOAD_LoadLibraryEx(fb.get(), p, 1), nullptr);  // A not loaded: a name load never reads a file
+  EXPECT_EQ(p->modules, nullptr);
+  EXPECT_EQ(Natives::Get().loads, (std::vector<std::string>{"pe_test_a.dll"}));
+  MODLOAD_TerminateProcess(p);
+}
+
+TEST_F(PeDll, RefusingEntryPointKeepsImportReferences) {
+  VFile fa(a_, VRKVFILE_COPY), fr(refuse_, VRKVFILE_COPY);
+  MODLOAD_PROCESS* p = NewProcess(fa.get());
+  EXPECT_EQ(PELOAD_LoadLibraryEx(fr.get(), p, 1), nullptr);
+  ASSERT_NE(p->modules, nullptr);
+  EXPECT_EQ(p->modules->next, nullptr);
+  EXPECT_EQ(p->modules->refcount, 2);
+  EXPECT_EQ(vrkalloc_live(VRKALLOC_FAMILY_X), 1u);  // the refused image is gone
+  MODLOAD_TerminateProcess(p);
+}
+
+TEST_F(PeDll, SameFileTwiceGivesTwoModules) {
+  VFile fa(a_, VRKVFILE_COPY);
+  MODLOAD_PROCESS* p = NewProcess();
+  PELOAD_MODULE* first = PELOAD_LoadLibraryEx(fa.get(), p, 1);
+  PELOAD_MODULE* second = PELOAD_LoadLibraryEx(fa.get(), p, 1);
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first, second);
+  EXPECT_NE(ImageOf(first)->image, ImageOf(second)->image);
+  EXPECT_EQ(vrkalloc_live(VRKALLOC_FAMILY_X), 2u);
+  // Each has its own data; the name finds the newer one.
+  *Export<int*>(first, "a_counter") = 1;
+  EXPECT_EQ(*Export<int*>(second, "a_counter"), 41);
+  EXPECT_EQ(PELOAD_LoadLibraryEx("pe_test_a.dll", p, 0), second);
+  char name[PELOAD_NAME_SIZE];
+  EXPECT_EQ(PELOAD_GetDllNameH(fa.get(), name, sizeof name), 1);
+  EXPECT_STREQ(name, "pe_test_a.dll");
+  MODLOAD_TerminateProcess(p);
+}
+
+TEST_F(PeDll, EveryRefusedAllocationOfAChainedLoadLeavesNothing) {
+  VFile fa(a_, VRKVFILE_COPY), fb(b_, VRKVFILE_COPY);
+  for (uint32_t n = 1; n <= 40; ++n) {
+    SCOPED_TRACE(n);
+    const uint32_t blocks = LiveBlocks();
+    Natives::Get().frees.clear();
+    Natives::Get().loads.clear();
+    vrkalloc_fail_nth(n);
+    MODLOAD_PROCESS* p = NewProcess(fa.get());
+    if (p) (void)PELOAD_LoadLibraryEx(fb.get(), p, 1);
+    vrkalloc_fail_nth(0);
+    MODLOAD_TerminateProcess(p);
+    EXPECT_EQ(LiveBlocks(), blocks);
+    EXPECT_EQ(Natives::Get().live, 0);  // every native handle handed back once
+  }
+}
+
+#else
+TEST(PeDll, SkippedWithoutMinGW) { GTEST_SKIP() << "i686-w64-mingw32-gcc not found at configure time"; }
+#endif
+
+}  // namespace
+}  // namespace vrk::test
