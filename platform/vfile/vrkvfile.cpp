@@ -81,6 +81,7 @@ uint32_t Available(const VFile *f) {
 
 // Copies up to `bytes` bytes from the current position into dst.
 uint32_t CopyOut(VFile *f, void *dst, uint32_t bytes) {
+  if (bytes == 0) return 0;  // the position may lie far past the end
   if (f->memory) {
     std::memcpy(dst, f->memory + f->position, bytes);
     return bytes;
