@@ -3,6 +3,8 @@
 #include "text/transcode.h"
 
 #include <array>
+#include <cstddef>
+#include <cstring>
 
 #include "frame/block.h"
 #include "text/utf8.h"
@@ -59,11 +61,88 @@ void SetLength(int32_t* outlen, int32_t value) {
   if (outlen != nullptr) *outlen = value;
 }
 
+// Copies the run of ASCII units at `in` (at most `limit` of them) as bytes and
+// returns how many were copied. Four units at a time while they are all
+// ASCII: the target has no SIMD to lean on, so two 32-bit words stand in.
+uint32_t CopyAsciiUnits(const uint16_t* in, uint8_t* out, uint32_t limit) {
+  uint32_t i = 0;
+  for (; i + 4 <= limit; i += 4) {
+    uint32_t w[2];
+    std::memcpy(w, in + i, sizeof w);
+    if (((w[0] | w[1]) & 0xFF80FF80u) != 0) break;
+    out[i] = uint8_t(w[0]);
+    out[i + 1] = uint8_t(w[0] >> 16);
+    out[i + 2] = uint8_t(w[1]);
+    out[i + 3] = uint8_t(w[1] >> 16);
+  }
+  while (i < limit && in[i] < 0x80) {
+    out[i] = uint8_t(in[i]);
+    ++i;
+  }
+  return i;
+}
+
+// The same for ASCII bytes becoming units.
+uint32_t CopyAsciiBytes(const uint8_t* in, uint16_t* out, uint32_t limit) {
+  uint32_t i = 0;
+  for (; i + 4 <= limit; i += 4) {
+    uint32_t w;
+    std::memcpy(&w, in + i, sizeof w);
+    if ((w & 0x80808080u) != 0) break;
+    out[i] = in[i];
+    out[i + 1] = in[i + 1];
+    out[i + 2] = in[i + 2];
+    out[i + 3] = in[i + 3];
+  }
+  while (i < limit && in[i] < 0x80) {
+    out[i] = in[i];
+    ++i;
+  }
+  return i;
+}
+
 }  // namespace
 
 Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*& out, const uint8_t* out_end) {
   while (in != in_end) {
+    const ptrdiff_t room = out_end - out;
     uint32_t value = in[0];
+    // The common characters are written directly; each needs more room than
+    // its byte count, so that one byte always stays for the terminator.
+    if (value < 0x80) {
+      if (room <= 1) return Transcode::kOutputFull;
+      // A run of ASCII may fill all but the last byte of the room.
+      const ptrdiff_t left = in_end - in;
+      const uint32_t run = CopyAsciiUnits(in, out, uint32_t(left < room - 1 ? left : room - 1));
+      in += run;
+      out += run;
+      continue;
+    }
+    if (value < 0x800) {
+      if (room <= 2) return Transcode::kOutputFull;
+      out[0] = uint8_t(0xC0 | (value >> 6));
+      out[1] = uint8_t(0x80 | (value & 0x3F));
+      out += 2;
+      ++in;
+      continue;
+    }
+    if (!IsHighSurrogate(value) && !IsLowSurrogate(value)) {
+      if (room <= 3) return Transcode::kOutputFull;
+      // A run of 3-byte characters (most CJK text), each with the same
+      // room rule, without going round the outer loop.
+      do {
+        out[0] = uint8_t(0xE0 | (value >> 12));
+        out[1] = uint8_t(0x80 | ((value >> 6) & 0x3F));
+        out[2] = uint8_t(0x80 | (value & 0x3F));
+        out += 3;
+        ++in;
+        if (in == in_end || out_end - out <= 3) break;
+        value = in[0];
+      } while (value >= 0x800 && (value < 0xD800 || value > 0xDFFF));
+      continue;
+    }
+    // Surrogates: a pair makes one character; a lone one stands for itself
+    // and comes out in its 3-byte form.
     uint32_t consumed = 1;
     if (IsHighSurrogate(value)) {
       if (in_end - in == 1) return Transcode::kHighSurrogateAtEnd;
@@ -73,7 +152,7 @@ Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*&
       }
     }
     const uint32_t length = Utf8Length(value);
-    if (out_end - out <= int32_t(length)) return Transcode::kOutputFull;
+    if (room <= ptrdiff_t(length)) return Transcode::kOutputFull;
     PutUtf8(value, length, out);
     out += length;
     in += consumed;
@@ -83,7 +162,35 @@ Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*&
 
 Transcode Utf8ToUtf16Core(const uint8_t*& in, const uint8_t* in_end, uint16_t*& out, const uint16_t* out_end) {
   while (in != in_end) {
-    const int32_t length = LeadLength(in[0]);
+    const uint8_t lead = in[0];
+    // Every converted character needs room for a surrogate pair, ASCII
+    // included; a run of ASCII may therefore fill all but the last unit.
+    if (lead < 0x80) {
+      if (out_end - out < 2) return Transcode::kOutputFull;
+      const ptrdiff_t left = in_end - in;
+      const ptrdiff_t room = out_end - out - 1;
+      const uint32_t run = CopyAsciiBytes(in, out, uint32_t(left < room ? left : room));
+      in += run;
+      out += run;
+      continue;
+    }
+    // A run of well-formed 3-byte sequences (most CJK text), each needing
+    // room for a surrogate pair like any character.
+    if ((lead & 0xF0) == 0xE0) {
+      const uint8_t* p = in;
+      uint16_t* o = out;
+      while (in_end - p >= 3 && out_end - o >= 2 && (p[0] & 0xF0) == 0xE0 && IsContinuation(p[1]) &&
+             IsContinuation(p[2])) {
+        *o++ = uint16_t(((p[0] & 0x0F) << 12) | ((p[1] & 0x3F) << 6) | (p[2] & 0x3F));
+        p += 3;
+      }
+      if (p != in) {
+        in = p;
+        out = o;
+        continue;
+      }
+    }
+    const int32_t length = LeadLength(lead);
     if (length < 0) {  // a stray continuation byte
       ++in;
       continue;
@@ -97,17 +204,27 @@ Transcode Utf8ToUtf16Core(const uint8_t*& in, const uint8_t* in_end, uint16_t*& 
       in += length - 1;
       continue;
     }
-    // A 0 byte is an ordinary one-byte character here: explicit lengths may
-    // hold them and they are converted like any other.
-    uint32_t value = in[0];
-    for (int32_t i = 1; i < length; ++i) value = (value << 6) + in[i];
-    value -= kSumOffset[length];
-    // Every converted character, even one that is then dropped, needs room
-    // for a surrogate pair.
     if (out_end - out < 2) return Transcode::kOutputFull;
-    in += length;
+    // With valid continuation bytes the sum of the bytes less the offset is
+    // the payload bits; 2- and 3-byte leads carry no bits beyond their mask.
+    if (length == 2) {
+      *out++ = uint16_t(((lead & 0x1F) << 6) | (in[1] & 0x3F));
+      in += 2;
+      continue;
+    }
+    if (length == 3) {
+      *out++ = uint16_t(((lead & 0x0F) << 12) | ((in[1] & 0x3F) << 6) | (in[2] & 0x3F));
+      in += 3;
+      continue;
+    }
+    // Four bytes, summed as such: leads 0xF8 to 0xFF carry more bits than a
+    // mask would keep, and give values above 0x10FFFF.
+    uint32_t value = lead;
+    for (int32_t i = 1; i < 4; ++i) value = (value << 6) + in[i];
+    value -= kSumOffset[4];
+    in += 4;
     if (value <= 0xFFFF) {
-      *out++ = uint16_t(value);
+      *out++ = uint16_t(value);  // an overlong 4-byte form
     } else if (value <= kMaxCodePoint) {
       value -= 0x10000;
       *out++ = uint16_t(0xD800 + (value >> 10));

@@ -144,6 +144,10 @@ TEST(FoldStrict, Cases) {
       {"character cut short", "a\xC3", 0, "(null)"},
       {"malformed first", "\xC3\x41", 0, "(null)"},
       {"overlong forms are accepted", "A\xC0\x80", 0, "a\xC0\x80"},
+      // An overlong A is no A: only the shortest form has a record.
+      {"overlong 2-byte A stays", "\xC1\x81", 0, "\xC1\x81"},
+      {"overlong 3-byte K stays", "\xE0\x81\x8B", 0, "\xE0\x81\x8B"},
+      {"overlong 2-byte U+00C0 stays", "\xE0\x83\x80", 0, "\xE0\x83\x80"},
   };
   for (const StrictCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -183,6 +187,7 @@ TEST(Icmp, Cases) {
       {"U+0391 = U+03B1 GREEK ALPHA", U8({0x391}), U8({0x3B1}), 0, 0},
       {"U+10400 = U+10428 DESERET", U8({0x10400}), U8({0x10428}), 0, 0},
       {"U+0130 against i U+0307", U8({0x130}), U8({'i', 0x307}), 0, 1},
+      {"overlong A is not a", "\xC1\x81", "a", 0, 1},
   };
   for (const CompareCase& c : cases) {
     SCOPED_TRACE(c.name);
