@@ -10,7 +10,8 @@
 # the C++ runtime library at run time, and nothing is visible unless marked.
 set(VRK_LIBRARY_CXX_FLAGS
   -fvisibility=hidden -fvisibility-inlines-hidden
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-gnu-unique)
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics
+  $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 
 function(vrk_family name)
   cmake_parse_arguments(F "" "EXPORTS" "SOURCES;DEPENDS" ${ARGN})

@@ -106,7 +106,11 @@ const charconv_CPEntry* Scan(Match match) {
 
 const charconv_CPEntry* CodePageTable() { return charconv_CPTable; }
 
-int charconv_CompareCPNumber(const charconv_CPEntry& a, const charconv_CPEntry& b) { return a.codepage - b.codepage; }
+// A caller's key can be any 32-bit number, so no subtraction: it could
+// overflow for keys far from the table's values.
+int charconv_CompareCPNumber(const charconv_CPEntry& a, const charconv_CPEntry& b) {
+  return (a.codepage > b.codepage) - (a.codepage < b.codepage);
+}
 
 int charconv_CompareCPName(const charconv_CPEntry& a, const charconv_CPEntry& b) { return CompareNames(a.name, b.name); }
 

@@ -1,0 +1,95 @@
+/* libVrkutil signature search: tables of CRC signatures matched against the
+ * 38-word fingerprint of the first 2048 bytes of a buffer. */
+#ifndef VRK_SEARCH_H
+#define VRK_SEARCH_H
+
+#include "vrk_common.h"
+
+VRK_EXTERN_C_BEGIN
+
+/* ---- CRC signature table ----
+ * A table is rows x 38 cells, owned by the caller; cell row * 38 + column
+ * holds a sorted array of the checksums of that column's kind:
+ *   column 0      a key the caller supplies with the buffer;
+ *   column 1      bytes 0-63;
+ *   column 2-32   bytes 64k to 64k + 63, k = column - 1;
+ *   column 33-37  prefixes of 128, 256, 512, 1024 and 2048 bytes.
+ * Checksums are the CRC-32 register started from 0, except that a block of
+ * one repeated byte value checksums as 0. */
+
+/* The number of columns, and of words in a fingerprint. */
+#define SEARCH_CRC_COLUMNS 38
+
+/* One cell. Zero-filled by the caller, filled by SEARCH_CRCRegisterTable. */
+typedef struct SEARCH_CRCTblEntry {
+  uint32_t index;       /* row * 38 + column */
+  uint32_t count;       /* values in `crcs`; 0 is an empty cell */
+  const uint32_t *crcs; /* ascending unsigned order, repeats adjacent */
+} SEARCH_CRCTblEntry;
+
+VRK_LAYOUT_ASSERT(sizeof(SEARCH_CRCTblEntry) == 12, "SEARCH_CRCTblEntry is 12 bytes");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCTblEntry, index) == 0, "SEARCH_CRCTblEntry.index");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCTblEntry, count) == 4, "SEARCH_CRCTblEntry.count");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCTblEntry, crcs) == 8, "SEARCH_CRCTblEntry.crcs");
+
+/* The 38 words of a buffer, indexed like the columns. Owned by the caller;
+ * may be kept and matched again against other rows. */
+typedef struct SEARCH_CRCFingerprint {
+  uint32_t words[SEARCH_CRC_COLUMNS];
+} SEARCH_CRCFingerprint;
+
+VRK_LAYOUT_ASSERT(sizeof(SEARCH_CRCFingerprint) == 152, "SEARCH_CRCFingerprint is 38 words");
+
+/* One hit: the position of the matching value in its cell's array, and the
+ * cell's column. */
+typedef struct SEARCH_CRCHit {
+  uint32_t position;
+  uint32_t column;
+} SEARCH_CRCHit;
+
+VRK_LAYOUT_ASSERT(sizeof(SEARCH_CRCHit) == 8, "SEARCH_CRCHit is 8 bytes");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCHit, position) == 0, "SEARCH_CRCHit.position");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCHit, column) == 4, "SEARCH_CRCHit.column");
+
+/* The hit list: the caller zeroes all three fields before first use; the
+ * library grows `entries` through Prealloc, 100 entries at a time. */
+typedef struct SEARCH_CRCList {
+  uint32_t capacity;
+  uint32_t count;
+  SEARCH_CRCHit *entries;
+} SEARCH_CRCList;
+
+VRK_LAYOUT_ASSERT(sizeof(SEARCH_CRCList) == 12, "SEARCH_CRCList is 12 bytes");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCList, capacity) == 0, "SEARCH_CRCList.capacity");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCList, count) == 4, "SEARCH_CRCList.count");
+VRK_LAYOUT_ASSERT(offsetof(SEARCH_CRCList, entries) == 8, "SEARCH_CRCList.entries");
+
+/* Fills cell row * 38 + column with that index, `count` and `crcs` (sorted
+ * ascending). The array is referenced, not copied, and must stay valid and
+ * unchanged while the table is used. Bounds are not checked. */
+VRK_API void SEARCH_CRCRegisterTable(SEARCH_CRCTblEntry *table, uint32_t column, uint32_t row,
+                                     const uint32_t *crcs, uint32_t count) VRK_NOEXCEPT;
+
+/* Unless `reuse` is non-zero, builds the fingerprint of the first `length`
+ * bytes of `data` (read as 2048 bytes, zero-padded) and sets word 0 to
+ * `key0`; then matches it against row `row` of `table`, appending hits to
+ * `hits` in column order 37 down to 1, then column 0 only if the list holds
+ * any hit. Returns 0 when a pointer argument is null (nothing done), else 1.
+ * When the padded copy cannot be allocated the words 1-37 keep their
+ * contents; when the list cannot grow, further hits are dropped. */
+VRK_API int32_t SEARCH_CRCFile(const unsigned char *data, int32_t length, uint32_t row, uint32_t key0,
+                               SEARCH_CRCFingerprint *fingerprint, int32_t reuse,
+                               SEARCH_CRCTblEntry *table, SEARCH_CRCList *hits) VRK_NOEXCEPT;
+
+/* Appends a hit (position, `column`) for every element of the sorted array
+ * `crcs` equal to `key`, in ascending positions. Returns the list's count. */
+VRK_API uint32_t SEARCH_CRC(const uint32_t *crcs, uint32_t count, uint32_t column, uint32_t key,
+                            SEARCH_CRCList *hits) VRK_NOEXCEPT;
+
+/* Releases the list's entries. The fields are left as they are: zero all
+ * three before the record is used again. */
+VRK_API void SEARCH_CRCFree(SEARCH_CRCList *hits) VRK_NOEXCEPT;
+
+VRK_EXTERN_C_END
+
+#endif /* VRK_SEARCH_H */

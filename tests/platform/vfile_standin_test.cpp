@@ -1,0 +1,110 @@
+// The virtual-file stand-in: files from memory and from disk, read by
+// copying or in place, with injected failures and the read log.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "vrk_standin_ctl.h"
+#include "vrkvfile.h"
+
+namespace {
+
+const char kText[] = "0123456789abcdef";  // 16 bytes
+
+struct Handle {
+  VFileHandle h;
+  explicit Handle(VFileHandle handle) : h(handle) {}
+  ~Handle() { vrkvfile_close(h); }
+};
+
+std::string TempFile(const char* contents, size_t size) {
+  char path[] = "/tmp/vrkvfile-test-XXXXXX";
+  const int fd = mkstemp(path);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(write(fd, contents, size), ssize_t(size));
+  close(fd);
+  return path;
+}
+
+TEST(VFileStandin, ReadsInBothModes) {
+  const std::string path = TempFile(kText, 16);
+  struct Source {
+    const char* what;
+    VFileHandle handle;
+    bool in_place;
+  } sources[] = {
+      {"memory, copy", vrkvfile_open_memory(kText, 16, VRKVFILE_COPY), false},
+      {"memory, in place", vrkvfile_open_memory(kText, 16, VRKVFILE_IN_MEMORY), true},
+      {"path, copy", vrkvfile_open_path(path.c_str(), VRKVFILE_COPY), false},
+      {"path, in place", vrkvfile_open_path(path.c_str(), VRKVFILE_IN_MEMORY), true},
+  };
+  for (const Source& s : sources) {
+    SCOPED_TRACE(s.what);
+    Handle f(s.handle);
+    ASSERT_NE(f.h, nullptr);
+    EXPECT_EQ(VFilelength(f.h), 16u);
+    char buffer[32] = {};
+    EXPECT_EQ(VRead(buffer, 1, 4, f.h), 4u);
+    EXPECT_EQ(std::string(buffer, 4), "0123");
+    EXPECT_EQ(VTell(f.h), 4);
+
+    void* p = buffer;
+    EXPECT_EQ(VReadPtr(&p, 1, 100, f.h), 12u);  // short at the end of file
+    EXPECT_EQ(p != buffer, s.in_place);
+    EXPECT_EQ(std::string(static_cast<char*>(p), 12), "456789abcdef");
+    EXPECT_EQ(VReadPtr(&p, 1, 1, f.h), 0u);
+
+    EXPECT_EQ(VSeek(f.h, 14, 0), 0);
+    EXPECT_EQ(VRead(buffer, 2, 5, f.h), 1u);  // whole elements only
+    EXPECT_EQ(VSeek(f.h, -1, 0), -1);
+    EXPECT_EQ(VTell(f.h), 16);
+    EXPECT_EQ(VSeek(f.h, 100, 0), 0);  // past the end is allowed, reads give nothing
+    EXPECT_EQ(VRead(buffer, 1, 1, f.h), 0u);
+
+    ASSERT_EQ(vrkvfile_log_size(f.h), 8u);
+    const VrkVFileCall* c = vrkvfile_log_at(f.h, 1);
+    EXPECT_EQ(c->op, VRKVFILE_READPTR);
+    EXPECT_EQ(c->position, 4u);
+    EXPECT_EQ(c->count, 100u);
+    EXPECT_EQ(c->result, 12u);
+    EXPECT_EQ(c->in_place, s.in_place ? 1 : 0);
+  }
+  unlink(path.c_str());
+}
+
+TEST(VFileStandin, InjectedFailures) {
+  Handle f(vrkvfile_open_memory(kText, 16, VRKVFILE_COPY));
+  vrkvfile_fail_length(f.h, 1);
+  EXPECT_EQ(VFilelength(f.h), 0xffffffffu);
+  vrkvfile_fail_length(f.h, 0);
+  EXPECT_EQ(VFilelength(f.h), 16u);
+
+  vrkvfile_fail_seek(f.h, 1);
+  EXPECT_NE(VSeek(f.h, 3, 0), 0);
+  EXPECT_EQ(VTell(f.h), 0);
+  vrkvfile_fail_seek(f.h, 0);
+
+  vrkvfile_fail_reads_from(f.h, 6);
+  char buffer[16];
+  EXPECT_EQ(VRead(buffer, 1, 16, f.h), 6u);
+  EXPECT_EQ(VRead(buffer, 1, 16, f.h), 0u);
+  vrkvfile_fail_reads_from(f.h, 0xffffffffu);
+  EXPECT_EQ(VRead(buffer, 1, 16, f.h), 10u);
+}
+
+TEST(VFileStandin, OpenCountsAndMissingFiles) {
+  const uint32_t open = vrkvfile_open_count();
+  EXPECT_EQ(vrkvfile_open_path("/nonexistent/file", VRKVFILE_COPY), nullptr);
+  EXPECT_EQ(vrkvfile_open_path("/tmp", VRKVFILE_COPY), nullptr);  // not a regular file
+  VFileHandle h = vrkvfile_open_memory(nullptr, 0, VRKVFILE_IN_MEMORY);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(VFilelength(h), 0u);
+  EXPECT_EQ(vrkvfile_open_count(), open + 1);
+  vrkvfile_close(h);
+  EXPECT_EQ(vrkvfile_open_count(), open);
+}
+
+}  // namespace

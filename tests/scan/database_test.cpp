@@ -1,0 +1,71 @@
+// Signature databases: what is accepted, and the file:line message of what
+// is not (with nothing half-loaded).
+#include <gtest/gtest.h>
+
+#include "scan/database.h"
+
+namespace {
+
+using vrk::scan::Database;
+using vrk::scan::ParseDatabase;
+using vrk::scan::SignatureKind;
+
+TEST(Database, Accepts) {
+  Database db;
+  std::string error;
+  ASSERT_TRUE(ParseDatabase("# a comment\n"
+                            "\n"
+                            "Test.Crc crc 37 0x739a3d8b   # trailing comment\n"
+                            "Test.Crc5\tcrc 5 1298774147\r\n"
+                            "Test.Pattern pattern 58 35 4F {0-3} 41\n"
+                            "Test.Md5 md5 44D88612fea8a8f36de82e1278abb02f",
+                            "db.txt", db, error))
+      << error;
+  ASSERT_EQ(db.signatures.size(), 4u);
+  EXPECT_EQ(db.signatures[0].kind, SignatureKind::kCrc);
+  EXPECT_EQ(db.signatures[0].column, 37u);
+  EXPECT_EQ(db.signatures[0].crc, 0x739a3d8bu);
+  EXPECT_EQ(db.signatures[0].origin, "db.txt:3");
+  EXPECT_EQ(db.signatures[1].crc, 1298774147u);
+  EXPECT_EQ(db.signatures[2].kind, SignatureKind::kPattern);
+  EXPECT_EQ(db.signatures[2].pattern, "58 35 4F {0-3} 41");
+  EXPECT_EQ(db.signatures[3].md5[0], 0x44);
+  EXPECT_EQ(db.signatures[3].md5[15], 0x2f);
+}
+
+TEST(Database, RejectsWithLocation) {
+  const struct {
+    const char* text;
+    const char* error;
+  } cases[] = {
+      {"ok crc 1 1\nbad", "db:2: signature 'bad' has no kind"},
+      {"x crc 0 1", "db:1: crc column must be a number from 1 to 37"},
+      {"x crc 38 1", "db:1: crc column must be a number from 1 to 37"},
+      {"x crc 1 0x100000000", "db:1: crc value must be a 32-bit number"},
+      {"x crc 1 -1", "db:1: crc value must be a 32-bit number"},
+      {"x crc 1 2 3", "db:1: unexpected text after the crc value"},
+      {"x pattern", "db:1: pattern is empty"},
+      {"x md5 1234", "db:1: md5 must be 32 hexadecimal digits"},
+      {"x md5 44d88612fea8a8f36de82e1278abb0zz", "db:1: md5 must be 32 hexadecimal digits"},
+      {"x sha1 00", "db:1: unknown signature kind 'sha1'"},
+      {"bad$name crc 1 1", "db:1: invalid character in signature name 'bad$name'"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    Database db;
+    std::string error;
+    EXPECT_FALSE(ParseDatabase(c.text, "db", db, error));
+    EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;  // starts with it
+    EXPECT_TRUE(db.signatures.empty());  // nothing half-loaded
+  }
+}
+
+TEST(Database, DefaultDatabaseParses) {
+  Database db;
+  std::string error;
+  ASSERT_TRUE(ParseDatabase(vrk::scan::DefaultDatabaseText(), "default", db, error)) << error;
+  EXPECT_GE(db.signatures.size(), 3u);
+  EXPECT_EQ(vrk::scan::TestFileString().size(), 68u);
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+// Reading signature databases.
+#include "scan/database.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace vrk::scan {
+namespace {
+
+bool IsNameChar(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+         c == '-' || c == '/' || c == ':';
+}
+
+std::string_view Trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.remove_suffix(1);
+  return s;
+}
+
+// Splits off the first whitespace-separated word.
+std::string_view NextWord(std::string_view& s) {
+  s = Trim(s);
+  size_t end = 0;
+  while (end < s.size() && s[end] != ' ' && s[end] != '\t') ++end;
+  std::string_view word = s.substr(0, end);
+  s = Trim(s.substr(end));
+  return word;
+}
+
+bool ParseUnsigned(std::string_view text, uint64_t max, uint64_t& out) {
+  if (text.empty() || text.size() > 20) return false;
+  std::string s(text);
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long v = std::strtoull(s.c_str(), &end, 0);
+  if (errno != 0 || *end != '\0' || s[0] == '-' || s[0] == '+' || v > max) return false;
+  out = v;
+  return true;
+}
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Parses one non-empty, non-comment line into `sig`; a message on failure.
+std::string ParseLine(std::string_view line, Signature& sig) {
+  const std::string_view name = NextWord(line);
+  for (char c : name) {
+    if (!IsNameChar(c)) return "invalid character in signature name '" + std::string(name) + "'";
+  }
+  sig.name = name;
+  const std::string_view kind = NextWord(line);
+  if (kind.empty()) return "signature '" + sig.name + "' has no kind (crc, pattern or md5)";
+  if (kind == "crc") {
+    sig.kind = SignatureKind::kCrc;
+    const std::string_view column = NextWord(line);
+    const std::string_view value = NextWord(line);
+    uint64_t c = 0, v = 0;
+    if (!ParseUnsigned(column, 37, c) || c < 1) return "crc column must be a number from 1 to 37";
+    if (!ParseUnsigned(value, 0xffffffffu, v)) return "crc value must be a 32-bit number";
+    if (!line.empty()) return "unexpected text after the crc value";
+    sig.column = uint32_t(c);
+    sig.crc = uint32_t(v);
+  } else if (kind == "pattern") {
+    sig.kind = SignatureKind::kPattern;
+    if (line.empty()) return "pattern is empty";
+    sig.pattern = line;
+  } else if (kind == "md5") {
+    sig.kind = SignatureKind::kMd5;
+    const std::string_view hex = NextWord(line);
+    if (hex.size() != 32 || !line.empty()) return "md5 must be 32 hexadecimal digits";
+    for (size_t i = 0; i < 16; ++i) {
+      const int hi = HexDigit(hex[2 * i]), lo = HexDigit(hex[2 * i + 1]);
+      if (hi < 0 || lo < 0) return "md5 must be 32 hexadecimal digits";
+      sig.md5[i] = uint8_t(hi * 16 + lo);
+    }
+  } else {
+    return "unknown signature kind '" + std::string(kind) + "' (crc, pattern or md5)";
+  }
+  return "";
+}
+
+}  // namespace
+
+bool ParseDatabase(std::string_view text, const std::string& source, Database& db, std::string& error) {
+  std::vector<Signature> parsed;
+  unsigned line_number = 0;
+  while (!text.empty()) {
+    const size_t eol = text.find('\n');
+    std::string_view line = text.substr(0, eol);
+    text = eol == std::string_view::npos ? std::string_view() : text.substr(eol + 1);
+    ++line_number;
+    if (const size_t hash = line.find('#'); hash != std::string_view::npos) line = line.substr(0, hash);
+    line = Trim(line);
+    if (line.empty()) continue;
+    Signature sig;
+    sig.origin = source + ":" + std::to_string(line_number);
+    if (std::string message = ParseLine(line, sig); !message.empty()) {
+      error = sig.origin + ": " + message;
+      return false;
+    }
+    parsed.push_back(std::move(sig));
+  }
+  db.signatures.insert(db.signatures.end(), std::make_move_iterator(parsed.begin()),
+                       std::make_move_iterator(parsed.end()));
+  return true;
+}
+
+bool LoadDatabaseFile(const std::string& path, Database& db, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = path + ": cannot read the database";
+    return false;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  return ParseDatabase(text.str(), path, db, error);
+}
+
+std::string_view TestFileString() {
+  return "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+}
+
+}  // namespace vrk::scan
+
+namespace vrk::scan {
+
+std::string_view DefaultDatabaseText() {
+  static const char kText[] =
+#include "default_db.inc"
+      ;
+  return std::string_view(kText, sizeof kText - 1);
+}
+
+}  // namespace vrk::scan

@@ -1,0 +1,51 @@
+// Signature databases of the scanner: a text format, one signature per line,
+// read into a list of signatures that the compiler turns into the library's
+// structures.
+//
+//   # comment (also after a signature: " # ...")
+//   NAME crc COLUMN VALUE     CRC fingerprint word COLUMN (1-37) equals VALUE
+//   NAME pattern HEX...       byte pattern, hex bytes with {MIN-MAX} gaps
+//   NAME md5 HEX32            MD5 of a whole file
+//
+// NAME is made of letters, digits and . _ - / : characters.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vrk::scan {
+
+enum class SignatureKind { kCrc, kPattern, kMd5 };
+
+struct Signature {
+  std::string name;
+  SignatureKind kind = SignatureKind::kCrc;
+  uint32_t column = 0;                // kCrc: 1 to 37
+  uint32_t crc = 0;                   // kCrc
+  std::string pattern;                // kPattern: the text after "pattern"
+  std::array<uint8_t, 16> md5{};      // kMd5
+  std::string origin;                 // "file:line", for messages
+};
+
+struct Database {
+  std::vector<Signature> signatures;
+};
+
+// Parses `text`, naming it `source` in messages. On success appends every
+// signature to `db` and returns true; on the first error leaves `db` as it
+// was, sets `error` to "source:line: message" and returns false.
+bool ParseDatabase(std::string_view text, const std::string& source, Database& db, std::string& error);
+
+// Reads and parses a database file, as ParseDatabase.
+bool LoadDatabaseFile(const std::string& path, Database& db, std::string& error);
+
+// The database built into the tool, used when no other is given.
+std::string_view DefaultDatabaseText();
+
+// The 68-byte standard anti-malware test string.
+std::string_view TestFileString();
+
+}  // namespace vrk::scan
