@@ -62,18 +62,19 @@ void SetLength(int32_t* outlen, int32_t value) {
 }
 
 // Copies the run of ASCII units at `in` (at most `limit` of them) as bytes and
-// returns how many were copied. Four units at a time while they are all
-// ASCII: the target has no SIMD to lean on, so two 32-bit words stand in.
+// returns how many were copied. The target has no SIMD to lean on, so 32-bit
+// words stand in: eight units are tested and packed into two words at a time.
 uint32_t CopyAsciiUnits(const uint16_t* in, uint8_t* out, uint32_t limit) {
   uint32_t i = 0;
-  for (; i + 4 <= limit; i += 4) {
-    uint32_t w[2];
+  for (; i + 8 <= limit; i += 8) {
+    uint32_t w[4];
     std::memcpy(w, in + i, sizeof w);
-    if (((w[0] | w[1]) & 0xFF80FF80u) != 0) break;
-    out[i] = uint8_t(w[0]);
-    out[i + 1] = uint8_t(w[0] >> 16);
-    out[i + 2] = uint8_t(w[1]);
-    out[i + 3] = uint8_t(w[1] >> 16);
+    if (((w[0] | w[1] | w[2] | w[3]) & 0xFF80FF80u) != 0) break;
+    // Little-endian: each word holds two units, the first in its low half.
+    const uint32_t lo = (w[0] & 0xFF) | ((w[0] >> 8) & 0xFF00) | ((w[1] & 0xFF) << 16) | ((w[1] << 8) & 0xFF000000u);
+    const uint32_t hi = (w[2] & 0xFF) | ((w[2] >> 8) & 0xFF00) | ((w[3] & 0xFF) << 16) | ((w[3] << 8) & 0xFF000000u);
+    std::memcpy(out + i, &lo, 4);
+    std::memcpy(out + i + 4, &hi, 4);
   }
   while (i < limit && in[i] < 0x80) {
     out[i] = uint8_t(in[i]);
@@ -82,17 +83,17 @@ uint32_t CopyAsciiUnits(const uint16_t* in, uint8_t* out, uint32_t limit) {
   return i;
 }
 
-// The same for ASCII bytes becoming units.
+// The same for ASCII bytes becoming units: four bytes spread into two words.
 uint32_t CopyAsciiBytes(const uint8_t* in, uint16_t* out, uint32_t limit) {
   uint32_t i = 0;
   for (; i + 4 <= limit; i += 4) {
     uint32_t w;
     std::memcpy(&w, in + i, sizeof w);
     if ((w & 0x80808080u) != 0) break;
-    out[i] = in[i];
-    out[i + 1] = in[i + 1];
-    out[i + 2] = in[i + 2];
-    out[i + 3] = in[i + 3];
+    const uint32_t lo = (w & 0xFF) | ((w & 0xFF00) << 8);
+    const uint32_t hi = ((w >> 16) & 0xFF) | ((w >> 8) & 0xFF0000);
+    std::memcpy(out + i, &lo, 4);
+    std::memcpy(out + i + 2, &hi, 4);
   }
   while (i < limit && in[i] < 0x80) {
     out[i] = in[i];
@@ -103,14 +104,26 @@ uint32_t CopyAsciiBytes(const uint8_t* in, uint16_t* out, uint32_t limit) {
 
 }  // namespace
 
-Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*& out, const uint8_t* out_end) {
+namespace {
+
+// The cores work on local cursors: byte stores through `out` could alias the
+// caller's pointer variables, which would keep the compiler from holding the
+// cursors in registers.
+Transcode Utf16ToUtf8Run(const uint16_t*& in_ref, const uint16_t* in_end, uint8_t*& out_ref, const uint8_t* out_end) {
+  const uint16_t* in = in_ref;
+  uint8_t* out = out_ref;
+  const auto finish = [&](Transcode result) {
+    in_ref = in;
+    out_ref = out;
+    return result;
+  };
   while (in != in_end) {
     const ptrdiff_t room = out_end - out;
     uint32_t value = in[0];
     // The common characters are written directly; each needs more room than
     // its byte count, so that one byte always stays for the terminator.
     if (value < 0x80) {
-      if (room <= 1) return Transcode::kOutputFull;
+      if (room <= 1) return finish(Transcode::kOutputFull);
       // A run of ASCII may fill all but the last byte of the room.
       const ptrdiff_t left = in_end - in;
       const uint32_t run = CopyAsciiUnits(in, out, uint32_t(left < room - 1 ? left : room - 1));
@@ -119,7 +132,7 @@ Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*&
       continue;
     }
     if (value < 0x800) {
-      if (room <= 2) return Transcode::kOutputFull;
+      if (room <= 2) return finish(Transcode::kOutputFull);
       out[0] = uint8_t(0xC0 | (value >> 6));
       out[1] = uint8_t(0x80 | (value & 0x3F));
       out += 2;
@@ -127,7 +140,7 @@ Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*&
       continue;
     }
     if (!IsHighSurrogate(value) && !IsLowSurrogate(value)) {
-      if (room <= 3) return Transcode::kOutputFull;
+      if (room <= 3) return finish(Transcode::kOutputFull);
       // A run of 3-byte characters (most CJK text), each with the same
       // room rule, without going round the outer loop.
       do {
@@ -145,28 +158,35 @@ Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*&
     // and comes out in its 3-byte form.
     uint32_t consumed = 1;
     if (IsHighSurrogate(value)) {
-      if (in_end - in == 1) return Transcode::kHighSurrogateAtEnd;
+      if (in_end - in == 1) return finish(Transcode::kHighSurrogateAtEnd);
       if (IsLowSurrogate(in[1])) {
         value = ((value - 0xD800) << 10) + (in[1] - 0xDC00) + 0x10000;
         consumed = 2;
       }
     }
     const uint32_t length = Utf8Length(value);
-    if (room <= ptrdiff_t(length)) return Transcode::kOutputFull;
+    if (room <= ptrdiff_t(length)) return finish(Transcode::kOutputFull);
     PutUtf8(value, length, out);
     out += length;
     in += consumed;
   }
-  return Transcode::kDone;
+  return finish(Transcode::kDone);
 }
 
-Transcode Utf8ToUtf16Core(const uint8_t*& in, const uint8_t* in_end, uint16_t*& out, const uint16_t* out_end) {
+Transcode Utf8ToUtf16Run(const uint8_t*& in_ref, const uint8_t* in_end, uint16_t*& out_ref, const uint16_t* out_end) {
+  const uint8_t* in = in_ref;
+  uint16_t* out = out_ref;
+  const auto finish = [&](Transcode result) {
+    in_ref = in;
+    out_ref = out;
+    return result;
+  };
   while (in != in_end) {
     const uint8_t lead = in[0];
     // Every converted character needs room for a surrogate pair, ASCII
     // included; a run of ASCII may therefore fill all but the last unit.
     if (lead < 0x80) {
-      if (out_end - out < 2) return Transcode::kOutputFull;
+      if (out_end - out < 2) return finish(Transcode::kOutputFull);
       const ptrdiff_t left = in_end - in;
       const ptrdiff_t room = out_end - out - 1;
       const uint32_t run = CopyAsciiBytes(in, out, uint32_t(left < room ? left : room));
@@ -204,7 +224,7 @@ Transcode Utf8ToUtf16Core(const uint8_t*& in, const uint8_t* in_end, uint16_t*& 
       in += length - 1;
       continue;
     }
-    if (out_end - out < 2) return Transcode::kOutputFull;
+    if (out_end - out < 2) return finish(Transcode::kOutputFull);
     // With valid continuation bytes the sum of the bytes less the offset is
     // the payload bits; 2- and 3-byte leads carry no bits beyond their mask.
     if (length == 2) {
@@ -233,7 +253,17 @@ Transcode Utf8ToUtf16Core(const uint8_t*& in, const uint8_t* in_end, uint16_t*& 
     // Above 0x10FFFF (a 4-byte lead of 0xF4 with a high second byte, or of
     // 0xF5 and up): nothing is written and reading goes on behind it.
   }
-  return Transcode::kDone;
+  return finish(Transcode::kDone);
+}
+
+}  // namespace
+
+Transcode Utf16ToUtf8Core(const uint16_t*& in, const uint16_t* in_end, uint8_t*& out, const uint8_t* out_end) {
+  return Utf16ToUtf8Run(in, in_end, out, out_end);
+}
+
+Transcode Utf8ToUtf16Core(const uint8_t*& in, const uint8_t* in_end, uint16_t*& out, const uint16_t* out_end) {
+  return Utf8ToUtf16Run(in, in_end, out, out_end);
 }
 
 char* Utf16ToUtf8(const uint16_t* src, int32_t len, int32_t* outlen) {
