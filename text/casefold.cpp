@@ -1,0 +1,407 @@
+// Case folding over the generated Unicode 3.2.0 table (casefold_table.inc).
+#include "text/casefold.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <iterator>
+#include <pthread.h>
+
+#include "text/utf8.h"
+#include "vrk_text.h"
+#include "vrkalloc.h"
+
+namespace vrk::text {
+namespace {
+
+enum : uint8_t {
+  UTF8FOLD_SAMELEN = 0,   // common or full mapping, same UTF-8 length
+  UTF8FOLD_SIMPLE = 1,    // simple mapping (same length by construction)
+  UTF8FOLD_TURKIC = 2,    // Turkic mapping
+  UTF8FOLD_OTHERLEN = 3,  // common or full mapping that changes the length
+};
+
+struct utf8foldrec {
+  uint8_t kind;
+  char src[7];         // source bytes, zero-filled
+  const char* folded;  // NUL-terminated, at most 6 bytes
+};
+
+#define VRK_FOLD_TABLE_BEGIN(length, count) constexpr utf8foldrec kFold##length[count] = {
+#define VRK_FOLD(kind, status, code_point, src, folded) {kind, src, folded},
+#define VRK_FOLD_TABLE_END(length) \
+  }                                \
+  ;
+#include "casefold_table.inc"
+#undef VRK_FOLD_TABLE_BEGIN
+#undef VRK_FOLD
+#undef VRK_FOLD_TABLE_END
+
+constexpr std::array<const utf8foldrec*, 4> utf8foldtables = {kFold1, kFold2, kFold3, kFold4};
+constexpr std::array<uint32_t, 4> utf8foldcounts = {std::size(kFold1), std::size(kFold2), std::size(kFold3),
+                                                    std::size(kFold4)};
+static_assert(utf8foldcounts[0] == 27 && utf8foldcounts[1] == 417 && utf8foldcounts[2] == 385 &&
+              utf8foldcounts[3] == 38);
+
+constexpr int CompareSource(const char* a, const char* b, int32_t n) {
+  for (int32_t i = 0; i < n; ++i) {
+    const uint8_t x = uint8_t(a[i]);
+    const uint8_t y = uint8_t(b[i]);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  return 0;
+}
+
+// The binary search over the records of a lead byte relies on each
+// sub-table ascending by source, with the records of one source side by side.
+constexpr bool TablesAreSorted() {
+  for (uint32_t t = 0; t < 4; ++t) {
+    for (uint32_t i = 1; i < utf8foldcounts[t]; ++i) {
+      if (CompareSource(utf8foldtables[t][i - 1].src, utf8foldtables[t][i].src, int32_t(t + 1)) > 0) return false;
+    }
+  }
+  return true;
+}
+static_assert(TablesAreSorted(), "case-folding sub-tables must ascend by source bytes");
+
+constexpr uint32_t FoldedLength(const utf8foldrec& r) {
+  uint32_t n = 0;
+  while (r.folded[n] != 0) ++n;
+  return n;
+}
+
+// Same-length kinds really keep the length: in-place folding depends on it.
+constexpr bool SameLengthKindsKeepLength() {
+  for (uint32_t t = 0; t < 4; ++t) {
+    for (uint32_t i = 0; i < utf8foldcounts[t]; ++i) {
+      const utf8foldrec& r = utf8foldtables[t][i];
+      if (r.kind <= UTF8FOLD_SIMPLE && FoldedLength(r) != t + 1) return false;
+    }
+  }
+  return true;
+}
+static_assert(SameLengthKindsKeepLength());
+
+// Kinds a lookup admits, as a bit mask over the kind numbers: in place
+// (same length only), strict, and strict with the Turkic mappings.
+using KindFilter = uint8_t;
+constexpr KindFilter kInPlaceKinds = (1u << UTF8FOLD_SAMELEN) | (1u << UTF8FOLD_SIMPLE);
+constexpr KindFilter kStrictKinds = kInPlaceKinds | (1u << UTF8FOLD_OTHERLEN);
+constexpr KindFilter kTurkicKinds = kStrictKinds | (1u << UTF8FOLD_TURKIC);
+constexpr KindFilter kFilters[3] = {kInPlaceKinds, kStrictKinds, kTurkicKinds};
+
+constexpr KindFilter FilterFor(int flags) { return (flags & UTF8_FOLD_TURKIC) ? kTurkicKinds : kStrictKinds; }
+constexpr uint32_t FilterIndex(KindFilter filter) {
+  return filter == kInPlaceKinds ? 0 : filter == kStrictKinds ? 1 : 2;
+}
+
+// Direct slots for 1- and 2-byte sources, which most text consists of: per
+// filter, the position of the first admitted record of each source, found
+// without a search. A 2-byte character's slot is the 11 payload bits of its
+// two bytes, which tells apart every pair of a lead byte (0xC0 to 0xDF) and
+// a continuation byte; the callers have checked both.
+constexpr uint16_t kNoRecord = 0xFFFF;
+
+constexpr uint32_t Slot2(const char* p) { return (uint32_t(uint8_t(p[0]) & 0x1F) << 6) | (uint8_t(p[1]) & 0x3F); }
+
+template <uint32_t kSlots, uint32_t kLength>
+constexpr std::array<std::array<uint16_t, kSlots>, 3> AdmittedBySlot() {
+  std::array<std::array<uint16_t, kSlots>, 3> slots{};
+  for (uint32_t f = 0; f < 3; ++f) {
+    slots[f].fill(kNoRecord);
+    // Backwards, so that the first admitted record of a source is kept.
+    for (uint32_t i = utf8foldcounts[kLength - 1]; i-- > 0;) {
+      const utf8foldrec& r = utf8foldtables[kLength - 1][i];
+      if (!(kFilters[f] & (1u << r.kind))) continue;
+      slots[f][kLength == 1 ? uint8_t(r.src[0]) : Slot2(r.src)] = uint16_t(i);
+    }
+  }
+  return slots;
+}
+
+constexpr auto kAdmitted1 = AdmittedBySlot<128, 1>();
+constexpr auto kAdmitted2 = AdmittedBySlot<2048, 2>();
+
+// Folded lengths of the records (the source's for the same-length kinds),
+// so that no lookup measures a string.
+template <uint32_t kLength, uint32_t kCount>
+constexpr std::array<uint8_t, kCount> FoldedLengths() {
+  std::array<uint8_t, kCount> lengths{};
+  for (uint32_t i = 0; i < kCount; ++i) {
+    const utf8foldrec& r = utf8foldtables[kLength - 1][i];
+    lengths[i] = uint8_t(r.kind <= UTF8FOLD_SIMPLE ? kLength : FoldedLength(r));
+  }
+  return lengths;
+}
+
+constexpr auto kFoldedLengths1 = FoldedLengths<1, utf8foldcounts[0]>();
+constexpr auto kFoldedLengths2 = FoldedLengths<2, utf8foldcounts[1]>();
+constexpr auto kFoldedLengths3 = FoldedLengths<3, utf8foldcounts[2]>();
+constexpr auto kFoldedLengths4 = FoldedLengths<4, utf8foldcounts[3]>();
+constexpr std::array<const uint8_t*, 4> kFoldedLengths = {kFoldedLengths1.data(), kFoldedLengths2.data(),
+                                                          kFoldedLengths3.data(), kFoldedLengths4.data()};
+
+// ASCII folded by the first admitted record, per filter, when that gives
+// one ASCII byte; kSlowPath where it does not (the Turkic I), which then
+// takes the general route.
+constexpr uint8_t kSlowPath = 0xFF;
+
+constexpr std::array<std::array<uint8_t, 128>, 3> kAsciiFold = [] {
+  std::array<std::array<uint8_t, 128>, 3> fold{};
+  for (uint32_t f = 0; f < 3; ++f) {
+    for (uint32_t c = 0; c < 128; ++c) {
+      fold[f][c] = uint8_t(c);
+      const uint16_t i = kAdmitted1[f][c];
+      if (i == kNoRecord) continue;
+      const char* folded = kFold1[i].folded;
+      fold[f][c] = (folded[1] == 0 && uint8_t(folded[0]) < 0x80) ? uint8_t(folded[0]) : kSlowPath;
+    }
+  }
+  return fold;
+}();
+static_assert(kAsciiFold[1]['K'] == 'k' && kAsciiFold[1]['I'] == 'i' && kAsciiFold[2]['I'] == kSlowPath &&
+              kAsciiFold[0]['I'] == 'i' && kAsciiFold[1]['k'] == 'k' && kAsciiFold[1][0] == 0);
+
+constexpr bool InPlaceAsciiIsDirect() {
+  for (const uint8_t f : kAsciiFold[0]) {
+    if (f == kSlowPath) return false;
+  }
+  return true;
+}
+static_assert(InPlaceAsciiIsDirect(), "in-place folding of ASCII must never need the general route");
+
+// 2-byte characters folded by the first admitted record, per filter and
+// slot, as their two folded bytes in one big-endian word (so words compare
+// like the bytes), when the folded form is two bytes; 0 where it is not,
+// which then takes the general route. Without a record a character stands
+// for itself, rebuilt here from its slot.
+constexpr std::array<std::array<uint16_t, 2048>, 3> kFold2Key = [] {
+  std::array<std::array<uint16_t, 2048>, 3> keys{};
+  for (uint32_t f = 0; f < 3; ++f) {
+    for (uint32_t slot = 0; slot < 2048; ++slot) {
+      const uint16_t i = kAdmitted2[f][slot];
+      if (i == kNoRecord) {
+        keys[f][slot] = uint16_t(((0xC0 | (slot >> 6)) << 8) | 0x80 | (slot & 0x3F));
+      } else if (kFoldedLengths2[i] == 2) {
+        keys[f][slot] = uint16_t((uint8_t(kFold2[i].folded[0]) << 8) | uint8_t(kFold2[i].folded[1]));
+      }
+    }
+  }
+  return keys;
+}();
+
+// Lead-byte index: [L][b] is the first record of the (L + 1)-byte sub-table
+// whose source begins with b, or that sub-table's count. Built once on the
+// first lookup. utf8foldready is set, with release order, only after all
+// 1024 entries are written, so a reader that sees it set sees the whole
+// index; pthread_once makes concurrent first callers wait for one build.
+constinit uint32_t utf8foldindex[4][256] = {};
+constinit std::atomic<uint32_t> utf8foldready{0};
+constinit pthread_once_t utf8foldonce = PTHREAD_ONCE_INIT;
+
+void utf8foldinit() {
+  for (uint32_t t = 0; t < 4; ++t) {
+    for (uint32_t b = 0; b < 256; ++b) {
+      uint32_t first = utf8foldcounts[t];
+      for (uint32_t i = 0; i < utf8foldcounts[t]; ++i) {
+        if (uint8_t(utf8foldtables[t][i].src[0]) == b) {
+          first = i;
+          break;
+        }
+      }
+      utf8foldindex[t][b] = first;
+    }
+  }
+  utf8foldready.store(1, std::memory_order_release);
+}
+
+[[gnu::always_inline]] inline void EnsureIndex() {
+  if (utf8foldready.load(std::memory_order_acquire) == 0) pthread_once(&utf8foldonce, utf8foldinit);
+}
+
+struct Folded {
+  const char* bytes;
+  int32_t length;
+};
+
+// The position of the first record of the n-byte source at p that `filter`
+// admits, or kNoRecord (utf8foldfind). Records of one source are side by
+// side in the table's order; 1- and 2-byte sources are found through the
+// direct slots, longer ones through the lead-byte index and a binary search
+// over the records of that lead byte, all of them sorted by source.
+[[gnu::always_inline]] inline uint32_t utf8foldfind(const char* p, int32_t n, KindFilter filter) {
+  EnsureIndex();
+  if (n == 1) return kAdmitted1[FilterIndex(filter)][uint8_t(p[0]) & 0x7F];
+  if (n == 2) return kAdmitted2[FilterIndex(filter)][Slot2(p)];
+  const uint32_t t = uint32_t(n - 1);
+  const uint32_t count = utf8foldcounts[t];
+  const uint32_t start = utf8foldindex[t][uint8_t(p[0])];
+  if (start == count) return kNoRecord;
+  const utf8foldrec* const table = utf8foldtables[t];
+  const utf8foldrec* it = std::lower_bound(table + start, table + count, p, [n](const utf8foldrec& r, const char* key) {
+    return CompareSource(r.src, key, n) < 0;
+  });
+  for (; it != table + count && CompareSource(it->src, p, n) == 0; ++it) {
+    if (filter & (1u << it->kind)) return uint32_t(it - table);
+  }
+  return kNoRecord;
+}
+
+// The folded form of the n-byte character at p: its record's text, or the
+// character itself when no record is admitted.
+[[gnu::always_inline]] inline Folded utf8foldchar(const char* p, int32_t n, KindFilter filter) {
+  const uint32_t found = utf8foldfind(p, n, filter);
+  if (found == kNoRecord) return {p, n};
+  const uint32_t t = uint32_t(n - 1);
+  return {utf8foldtables[t][found].folded, kFoldedLengths[t][found]};
+}
+
+constexpr int32_t LeadLengthOf(const char* p) { return LeadLength(uint8_t(*p)); }
+
+[[gnu::always_inline]] inline bool utf8checktrail(const char* p, int32_t n) { return TrailIsValid(reinterpret_cast<const uint8_t*>(p), n); }
+
+[[gnu::always_inline]] inline int utf8cmpbytes(const char* a, int32_t la, const char* b, int32_t lb) {
+  const int order = CompareSource(a, b, std::min(la, lb));
+  if (order != 0) return order;
+  if (la == lb) return 0;
+  return la < lb ? -1 : 1;
+}
+
+[[gnu::always_inline]] inline int utf8cmpchar(const char* pa, const char* pb, int flags) {
+  const int32_t na = LeadLengthOf(pa);
+  const int32_t nb = LeadLengthOf(pb);
+  if (na < 0 || nb < 0) return UTF8_ERR_INVALID;
+  if (!utf8checktrail(pa, na) || !utf8checktrail(pb, nb)) return UTF8_ERR_INVALID;
+  const KindFilter filter = FilterFor(flags);
+  const Folded fa = utf8foldchar(pa, na, filter);
+  const Folded fb = utf8foldchar(pb, nb, filter);
+  if ((flags & UTF8_CMP_LENGTHFIRST) && fa.length != fb.length) return fa.length < fb.length ? -1 : 1;
+  return utf8cmpbytes(fa.bytes, fa.length, fb.bytes, fb.length);
+}
+
+// Output capacity grows in fixed steps the product's allocator accounts for.
+constexpr uint32_t kFoldGrowthStep = 2048;
+
+}  // namespace
+
+char* FoldInPlace(char* s) {
+  const std::array<uint8_t, 128>& ascii = kAsciiFold[FilterIndex(kInPlaceKinds)];
+  EnsureIndex();  // the set-up runs on the first call, whatever the text
+  for (char* p = s; *p != 0;) {
+    const uint8_t c = uint8_t(*p);
+    if (c < 0x80) {  // every in-place folding of ASCII is one byte
+      *p++ = char(ascii[c]);
+      continue;
+    }
+    const int32_t n = LeadLength(c);
+    if (n < 0 || !IsValidChar(reinterpret_cast<const uint8_t*>(p))) break;
+    const Folded f = utf8foldchar(p, n, kInPlaceKinds);
+    if (f.bytes != p) std::memcpy(p, f.bytes, size_t(n));
+    p += n;
+  }
+  return s;
+}
+
+char* FoldCopy(const char* s, int flags) {
+  const KindFilter filter = FilterFor(flags);
+  const std::array<uint8_t, 128>& ascii = kAsciiFold[FilterIndex(filter)];
+  const std::array<uint16_t, 2048>& keys = kFold2Key[FilterIndex(filter)];
+  void* output = nullptr;
+  uint32_t capacity = 0;
+  uint32_t length = 0;
+  EnsureIndex();  // the set-up runs on the first call, whatever the text
+  for (const char* p = s; *p != 0;) {
+    const uint8_t c = uint8_t(*p);
+    // The folded form, from the direct tables for ASCII and for 2-byte
+    // characters that fold to two bytes, else by the general lookup.
+    uint8_t direct[2];
+    int32_t n;
+    Folded f;
+    if (c < 0x80 && ascii[c] != kSlowPath) {
+      direct[0] = ascii[c];
+      n = 1;
+      f = {reinterpret_cast<const char*>(direct), 1};
+    } else if ((c & 0xE0) == 0xC0 && IsContinuation(uint8_t(p[1])) && keys[Slot2(p)] != 0) {
+      const uint16_t key = keys[Slot2(p)];
+      direct[0] = uint8_t(key >> 8);
+      direct[1] = uint8_t(key);
+      n = 2;
+      f = {reinterpret_cast<const char*>(direct), 2};
+    } else {
+      n = LeadLength(c);
+      if (n < 0 || !IsValidChar(reinterpret_cast<const uint8_t*>(p))) {
+        PSafeFree(&output);
+        return nullptr;
+      }
+      f = utf8foldchar(p, n, filter);
+    }
+    if (length + uint32_t(f.length) + 1 > capacity) {
+      if (capacity > UINT32_MAX - kFoldGrowthStep) {
+        Pfree(output);
+        return nullptr;
+      }
+      void* grown = Prealloc(output, capacity + kFoldGrowthStep);
+      if (grown == nullptr) {
+        if (output != nullptr) Pfree(output);
+        return nullptr;
+      }
+      output = grown;
+      capacity += kFoldGrowthStep;
+    }
+    char* const at = static_cast<char*>(output) + length;
+    for (int32_t i = 0; i < f.length; ++i) at[i] = f.bytes[i];  // 1 to 6 bytes
+    length += uint32_t(f.length);
+    p += n;
+  }
+  if (output == nullptr) return nullptr;  // an empty string
+  static_cast<char*>(output)[length] = 0;
+  if (void* shrunk = Prealloc(output, length + 1)) output = shrunk;
+  return static_cast<char*>(output);
+}
+
+int CompareFolded(const char* a, const char* b, int flags) {
+  if (a == nullptr || b == nullptr) return UTF8_ERR_NULLARG;
+  const uint32_t filter = FilterIndex(FilterFor(flags));
+  const std::array<uint8_t, 128>& ascii = kAsciiFold[filter];
+  const std::array<uint16_t, 2048>& keys = kFold2Key[filter];
+  EnsureIndex();  // the set-up runs on the first call, whatever the text
+  for (;;) {
+    // Two ASCII characters whose foldings are single bytes compare as those
+    // bytes, whatever the flags: both folded forms are one byte long.
+    const uint8_t x = uint8_t(*a);
+    const uint8_t y = uint8_t(*b);
+    if ((x | y) < 0x80) {
+      const uint8_t fx = ascii[x];
+      const uint8_t fy = ascii[y];
+      if (fx != kSlowPath && fy != kSlowPath) {
+        if (fx != fy) return fx < fy ? -1 : 1;
+        if (x == 0) return 0;
+        ++a;
+        ++b;
+        continue;
+      }
+    }
+    // Two 2-byte characters whose foldings are two bytes each compare as
+    // those bytes, likewise whatever the flags.
+    if ((x & 0xE0) == 0xC0 && (y & 0xE0) == 0xC0 && IsContinuation(uint8_t(a[1])) &&
+        IsContinuation(uint8_t(b[1]))) {
+      const uint16_t ka = keys[Slot2(a)];
+      const uint16_t kb = keys[Slot2(b)];
+      if (ka != 0 && kb != 0) {
+        if (ka != kb) return ka < kb ? -1 : 1;
+        a += 2;
+        b += 2;
+        continue;
+      }
+    }
+    const int order = utf8cmpchar(a, b, flags);
+    if (order != 0) return order;
+    if (*a == 0) return 0;
+    // The two characters may differ in length (U+004B against U+212A).
+    a += LeadLengthOf(a);
+    b += LeadLengthOf(b);
+  }
+}
+
+}  // namespace vrk::text
