@@ -6,6 +6,19 @@
 
 #include <cstring>
 
+// Code that runs from the dynamic loader's relocation of this library (the
+// kernel resolvers below and what they call) runs before the sanitizer
+// runtimes are set up, so it must not be instrumented (nor, in fuzz builds,
+// count coverage).
+#if defined(__clang__)
+#define VRK_NO_COVERAGE __attribute__((no_sanitize("coverage")))
+#else
+#define VRK_NO_COVERAGE
+#endif
+#define VRK_UNINSTRUMENTED \
+  __attribute__((no_sanitize_address, no_sanitize("undefined"), no_stack_protector)) VRK_NO_COVERAGE
+#define VRK_RESOLVER VRK_UNINSTRUMENTED __attribute__((used, visibility("hidden")))
+
 namespace vrk::checksum {
 namespace {
 
@@ -42,23 +55,28 @@ void Crc32Blocks64Slicing(const uint8_t* data, uint32_t count, uint32_t* out) {
   for (uint32_t i = 0; i < count; ++i) out[i] = Crc32Slicing(data + 64 * i, 0, 64);
 }
 
-// Also called by the load-time resolvers below, hence not instrumented.
-__attribute__((no_sanitize_address, no_sanitize("undefined"))) bool Crc32ClmulSupported() {
+// Also called by the load-time resolvers below, hence not instrumented. The
+// cpuid.h macros are used rather than its functions: those may stay out of
+// line and be instrumented.
+VRK_UNINSTRUMENTED bool Crc32ClmulSupported() {
   unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-  if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return false;
+  __cpuid(0, eax, ebx, ecx, edx);
+  if (eax < 1) return false;
+  __cpuid(1, eax, ebx, ecx, edx);
   return (ecx & bit_PCLMUL) && (ecx & bit_SSE4_1) && (edx & bit_SSE2);
 }
 
-__attribute__((no_sanitize_address, no_sanitize("undefined"))) bool Crc32VclmulSupported() {
+VRK_UNINSTRUMENTED bool Crc32VclmulSupported() {
   if (!Crc32ClmulSupported()) return false;
-  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-  __get_cpuid(1, &eax, &ebx, &ecx, &edx);
-  if (!(ecx & bit_OSXSAVE) || !(ecx & bit_AVX)) return false;
+  unsigned max_leaf = 0, eax = 0, ebx = 0, ecx = 0, edx = 0;
+  __cpuid(0, max_leaf, ebx, ecx, edx);
+  __cpuid(1, eax, ebx, ecx, edx);
+  if (!(ecx & bit_OSXSAVE) || !(ecx & bit_AVX) || max_leaf < 7) return false;
   // The operating system must save the vector registers' upper halves.
   unsigned xcr0_lo = 0, xcr0_hi = 0;
   __asm__ volatile("xgetbv" : "=a"(xcr0_lo), "=d"(xcr0_hi) : "c"(0));
   if ((xcr0_lo & 6u) != 6u) return false;
-  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return false;
+  __cpuid_count(7, 0, eax, ebx, ecx, edx);
   return (ebx & bit_AVX2) && (ecx & bit_VPCLMULQDQ);
 }
 
@@ -67,22 +85,19 @@ __attribute__((no_sanitize_address, no_sanitize("undefined"))) bool Crc32VclmulS
 // The kernels are chosen by the dynamic loader while it relocates the
 // library (GNU indirect functions): the processor is asked once, before any
 // code of the library runs, and every call afterwards goes straight to the
-// chosen kernel. The resolvers run before the sanitizer runtimes are set up,
-// so they must not be instrumented.
+// chosen kernel.
 extern "C" {
-
-#define VRK_RESOLVER __attribute__((no_sanitize_address, no_sanitize("undefined"), no_stack_protector, used))
 
 using VrkCrc32Kernel = uint32_t (*)(const uint8_t*, uint32_t, uint32_t);
 using VrkCrc32BlocksKernel = void (*)(const uint8_t*, uint32_t, uint32_t*);
 
-VRK_RESOLVER static VrkCrc32Kernel vrk_checksum_resolve_crc32() {
+VRK_RESOLVER VrkCrc32Kernel vrk_checksum_resolve_crc32() {
   using namespace vrk::checksum;
   if (Crc32VclmulSupported()) return &Crc32Vclmul;
   return Crc32ClmulSupported() ? &Crc32Clmul : &Crc32Slicing;
 }
 
-VRK_RESOLVER static VrkCrc32BlocksKernel vrk_checksum_resolve_blocks64() {
+VRK_RESOLVER VrkCrc32BlocksKernel vrk_checksum_resolve_blocks64() {
   using namespace vrk::checksum;
   return Crc32ClmulSupported() ? &Crc32Blocks64Clmul : &Crc32Blocks64Slicing;
 }

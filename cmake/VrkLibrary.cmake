@@ -37,7 +37,7 @@ set_target_properties(Vrkutil PROPERTIES
 target_link_options(Vrkutil PRIVATE
   -static-libgcc
   -Wl,--version-script=${VRK_VERSION_SCRIPT}
-  -Wl,--no-undefined
+  ${VRK_NO_UNDEFINED}
   -Wl,-z,noexecstack)
 # The sibling libraries stay needed even while no family calls into one of
 # them yet: the product loads them by name beside this library. Whatever the
