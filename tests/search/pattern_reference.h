@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "patterns/pattern_builder.h"
+#include "tools/patterns/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace vrk::test {

@@ -1,6 +1,6 @@
 // The pattern-table builder: readable patterns to records, buckets, index
 // and bitmap.
-#include "patterns/pattern_builder.h"
+#include "pattern_builder.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -183,10 +183,8 @@ bool EncodePattern(const std::vector<Element>& e, uint16_t& key, std::vector<uin
 }
 
 int Table::NumberOf(const unsigned char* record) const {
-  for (size_t n = 0; n < records_.size(); ++n) {
-    if (records_[n].data() == record) return int(n);
-  }
-  return -1;
+  const auto it = numbers_.find(record);
+  return it == numbers_.end() ? -1 : it->second;
 }
 
 bool BuildTable(const std::vector<PatternSource>& patterns, Table& out, std::string& error) {
@@ -228,6 +226,7 @@ bool BuildTable(const std::vector<PatternSource>& patterns, Table& out, std::str
     out.bitmap_[key >> 3] = uint8_t(out.bitmap_[key >> 3] | 1u << (key & 7));
     out.slots_[number] = uint16_t(pos);
     out.pointers_[pos] = out.records_[number].data();
+    out.numbers_[out.pointers_[pos]] = int(number);
   }
   out.desc_.patterns = out.pointers_.data();
   out.desc_.index = out.index_.data();

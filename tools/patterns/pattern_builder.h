@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "vrk_search.h"
@@ -77,6 +78,7 @@ class Table {
   std::vector<const unsigned char*> pointers_;
   std::vector<SEARCH_BuscaTblBucket> index_;
   std::vector<uint8_t> bitmap_;
+  std::unordered_map<const unsigned char*, int> numbers_;
   SEARCH_BuscaTblDesc desc_{};
 };
 
