@@ -39,13 +39,24 @@ void SEARCH_BuscaTblAddHit(SEARCH_BuscaTblList* out, const uint8_t* pattern) {
   if (out->count < out->capacity) out->items[out->count++] = pattern;
 }
 
+bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t remaining);
+
+// Goes on after a gap's byte N found at `q`, with `left` bytes after it;
+// `next` is the program after the gap. The literal after N, if any, is
+// checked here instead of one call deeper.
+inline bool MatchAfterCandidate(const uint8_t* q, const uint8_t* next, uint32_t left) {
+  const uint8_t after = *next;
+  if (after == kEndCode) return true;
+  if (after != kGapCode) return left != 0 && q[1] == after && SEARCH_BuscaTblMatchTail(q + 2, next + 1, left - 1);
+  return SEARCH_BuscaTblMatchTail(q + 1, next, left);
+}
+
 // Runs the program at `prog` against the `remaining` bytes at `d`.
 //
 // A gap tries its candidates for N one by one; the result is true when any
 // candidate leads to a match, so the order in which they are tried cannot
-// change it. That frees the search to take them nearest first through memchr
-// and to test the literal that follows N before descending, which is where
-// tables with many gap patterns spend their time.
+// change it. That frees the search to take them nearest first (memchr here,
+// the byte window below for the gap rule).
 bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t remaining) {
   for (;;) {
     const uint8_t code = *prog;
@@ -53,21 +64,12 @@ bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t re
     if (code == kGapCode) {
       const uint8_t window = prog[1];
       const uint8_t wanted = prog[2];
-      const uint8_t* next = prog + 3;
       const uint32_t m = remaining < window ? remaining : window;
       const uint8_t* end = d + m;
-      const uint8_t after = *next;
-      if (after == kEndCode) return m != 0 && std::memchr(d, wanted, m) != nullptr;
       for (const uint8_t* q = d; q < end; ++q) {
         q = static_cast<const uint8_t*>(std::memchr(q, wanted, size_t(end - q)));
         if (!q) return false;
-        const uint32_t left = remaining - uint32_t(q - d) - 1;  // bytes after this N
-        if (after != kGapCode) {
-          // The literal after N, checked here instead of one call deeper.
-          if (left != 0 && q[1] == after && SEARCH_BuscaTblMatchTail(q + 2, next + 1, left - 1)) return true;
-        } else if (SEARCH_BuscaTblMatchTail(q + 1, next, left)) {
-          return true;
-        }
+        if (MatchAfterCandidate(q, prog + 3, remaining - uint32_t(q - d) - 1)) return true;
       }
       return false;
     }
@@ -76,6 +78,68 @@ bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t re
     ++prog;
     --remaining;
   }
+}
+
+// Where each byte value occurs in the 255 bytes after the current position
+// (the widest gap window), kept up to date in constant time per position.
+// The gap rule runs every pattern of a byte's gap bucket at every position
+// holding that byte, and nearly all of those programs open with a gap; with
+// this index a gap whose byte N is absent from its window is rejected with
+// one comparison, and the candidates that are present are visited directly.
+// It lives on the stack (3 KiB): the local search allocates nothing.
+class ByteWindow {
+ public:
+  static constexpr int32_t kSpan = 255;
+  static constexpr int32_t kNone = -1;
+
+  // The window of position 0: indices 1 .. min(kSpan, length - 1).
+  ByteWindow(const uint8_t* data, int32_t length) : data_(data), length_(length) {
+    for (int v = 0; v < 256; ++v) first_[v] = last_[v] = kNone;
+    for (int32_t i = 1; i <= kSpan && i < length; ++i) Add(i);
+  }
+
+  // Moves from the window of position p - 1 to that of p.
+  void Advance(int32_t p) {
+    const uint8_t v = data_[p];  // index p leaves: it is the first of its value
+    first_[v] = next_[p & 0xFF];
+    if (first_[v] == kNone) last_[v] = kNone;
+    if (p + kSpan < length_) Add(p + kSpan);
+  }
+
+  int32_t First(uint8_t v) const { return first_[v]; }
+  int32_t Next(int32_t i) const { return next_[i & 0xFF]; }
+
+ private:
+  void Add(int32_t i) {
+    const uint8_t v = data_[i];
+    next_[i & 0xFF] = kNone;
+    if (last_[v] == kNone) {
+      first_[v] = i;
+    } else {
+      next_[last_[v] & 0xFF] = i;
+    }
+    last_[v] = i;
+  }
+
+  const uint8_t* data_;
+  int32_t length_;
+  int32_t first_[256];
+  int32_t last_[256];
+  int32_t next_[256];  // by index modulo 256: the next index of the same value
+};
+
+// The gap rule's program from byte 1 at position p, through the window
+// when it opens with a gap (whose window then starts right after p).
+inline bool GapRuleMatches(const ByteWindow& w, const uint8_t* data, int32_t p, int32_t length,
+                           const uint8_t* prog) {
+  const uint32_t remaining = uint32_t(length - p - 1);
+  if (prog[0] != kGapCode) return SEARCH_BuscaTblMatchTail(data + p + 1, prog, remaining);
+  const uint32_t m = remaining < prog[1] ? remaining : prog[1];
+  const int32_t limit = p + 1 + int32_t(m);  // candidates lie in [p + 1, limit)
+  for (int32_t i = w.First(prog[2]); i != ByteWindow::kNone && i < limit; i = w.Next(i)) {
+    if (MatchAfterCandidate(data + i, prog + 3, uint32_t(length - i - 1))) return true;
+  }
+  return false;
 }
 
 inline bool KeyPresent(const uint8_t* bitmap, uint32_t key) { return (bitmap[key >> 3] >> (key & 7)) & 1; }
@@ -90,7 +154,9 @@ inline uint32_t Bucket(const uint8_t* index, uint32_t key, uint32_t& first) {
 
 void SearchLocally(const Table& t, const uint8_t* data, int positions, int length, SEARCH_BuscaTblList* out) {
   const uint8_t* bitmap = t.bitmap;
+  ByteWindow window(data, length);
   for (int p = 0; p < positions; ++p) {
+    if (p > 0) window.Advance(p);
     const uint32_t b0 = data[p];
     const uint32_t key = b0 | uint32_t(data[p + 1]) << 8;
     // Bytes left after the two key bytes; positions <= length - 1 keeps it
@@ -105,7 +171,7 @@ void SearchLocally(const Table& t, const uint8_t* data, int positions, int lengt
         const uint32_t head = pattern[0];
         if (int64_t(head) > after_key) continue;
         const uint8_t* d = data + p + 2;
-        if (head != 0 && std::memcmp(d, pattern + 2, head) != 0) continue;
+        if (head != 0 && (d[0] != pattern[2] || std::memcmp(d, pattern + 2, head) != 0)) continue;
         if (SEARCH_BuscaTblMatchTail(d + head, pattern + 2 + head, uint32_t(after_key - head))) {
           SEARCH_BuscaTblAddHit(out, pattern);
         }
@@ -116,9 +182,7 @@ void SearchLocally(const Table& t, const uint8_t* data, int positions, int lengt
       uint32_t first = 0;
       for (uint32_t i = Bucket(t.index, gap_key, first); i-- > 0;) {
         const uint8_t* pattern = t.patterns[first + i];
-        if (SEARCH_BuscaTblMatchTail(data + p + 1, pattern + 1, uint32_t(length - p - 1))) {
-          SEARCH_BuscaTblAddHit(out, pattern);
-        }
+        if (GapRuleMatches(window, data, p, length, pattern + 1)) SEARCH_BuscaTblAddHit(out, pattern);
       }
     }
   }

@@ -29,9 +29,9 @@ inline bool ReferenceTail(const uint8_t* d, const uint8_t* prog, int64_t remaini
   }
 }
 
-// The whole search as the table rules state it, appending to `hits`.
-inline void ReferenceSearch(const SEARCH_BuscaTblDesc& desc, const uint8_t* data, int positions, int length,
-                            std::vector<const uint8_t*>& hits) {
+// The whole search as the table rules state it, handing each hit to `add`.
+template <class Add>
+void ReferenceSearchTo(const SEARCH_BuscaTblDesc& desc, const uint8_t* data, int positions, int length, Add&& add) {
   SEARCH_BuscaTblDesc t;
   std::memcpy(&t, &desc, sizeof t);
   const auto* index = static_cast<const uint8_t*>(t.index);
@@ -52,10 +52,15 @@ inline void ReferenceSearch(const SEARCH_BuscaTblDesc& desc, const uint8_t* data
         } else {
           match = ReferenceTail(data + p + 1, pattern + 1, length - p - 1);
         }
-        if (match) hits.push_back(pattern);
+        if (match) add(pattern);
       }
     }
   }
+}
+
+inline void ReferenceSearch(const SEARCH_BuscaTblDesc& desc, const uint8_t* data, int positions, int length,
+                            std::vector<const uint8_t*>& hits) {
+  ReferenceSearchTo(desc, data, positions, length, [&](const uint8_t* pattern) { hits.push_back(pattern); });
 }
 
 // Whether the readable pattern `e` matches the bytes data[p .. length).
