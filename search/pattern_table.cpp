@@ -3,6 +3,7 @@
 // analysis module. The local search never allocates.
 #include "search/pattern_table.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "search/qel_binding.h"
@@ -13,6 +14,7 @@ namespace {
 constexpr uint8_t kGapCode = 0xDD;
 constexpr uint8_t kEndCode = 0xDF;
 constexpr uint32_t kGapKeyHigh = uint32_t(kGapCode) << 8;
+constexpr int kIndexedFrom = 256;  // positions from which the gap index pays
 
 // Library-wide and unlocked: registrations must not overlap each other or
 // searches (the callers' contract).
@@ -128,20 +130,6 @@ class ByteWindow {
   int32_t next_[256];  // by index modulo 256: the next index of the same value
 };
 
-// The gap rule's program from byte 1 at position p, through the window
-// when it opens with a gap (whose window then starts right after p).
-inline bool GapRuleMatches(const ByteWindow& w, const uint8_t* data, int32_t p, int32_t length,
-                           const uint8_t* prog) {
-  const uint32_t remaining = uint32_t(length - p - 1);
-  if (prog[0] != kGapCode) return SEARCH_BuscaTblMatchTail(data + p + 1, prog, remaining);
-  const uint32_t m = remaining < prog[1] ? remaining : prog[1];
-  const int32_t limit = p + 1 + int32_t(m);  // candidates lie in [p + 1, limit)
-  for (int32_t i = w.First(prog[2]); i != ByteWindow::kNone && i < limit; i = w.Next(i)) {
-    if (MatchAfterCandidate(data + i, prog + 3, uint32_t(length - i - 1))) return true;
-  }
-  return false;
-}
-
 inline bool KeyPresent(const uint8_t* bitmap, uint32_t key) { return (bitmap[key >> 3] >> (key & 7)) & 1; }
 
 // The bucket of `key`: its patterns run from patterns[first] on.
@@ -152,11 +140,75 @@ inline uint32_t Bucket(const uint8_t* index, uint32_t key, uint32_t& first) {
   return entry[0];
 }
 
-void SearchLocally(const Table& t, const uint8_t* data, int positions, int length, SEARCH_BuscaTblList* out) {
+// Positions before which a gap-rule pattern cannot match, learnt while
+// searching: a pattern whose program opens with "gap G, byte N, literal c"
+// needs an N followed by c within G bytes; once the nearest such pair lies
+// at j, every position before j - G fails without looking. Direct-mapped by
+// pattern slot (8 KiB on the stack); a collision only forgets.
+class SkipMemo {
+ public:
+  SkipMemo() {
+    for (Entry& e : entries_) e = {0, 0};
+  }
+  bool Skips(uint32_t slot, int32_t p) const {
+    const Entry& e = entries_[slot & (kEntries - 1)];
+    return e.tag == slot + 1 && p < e.until;
+  }
+  void Set(uint32_t slot, int32_t until) { entries_[slot & (kEntries - 1)] = {slot + 1, until}; }
+
+ private:
+  static constexpr uint32_t kEntries = 1024;
+  struct Entry {
+    uint32_t tag;  // slot + 1; 0 is empty
+    int32_t until;
+  };
+  Entry entries_[kEntries];
+};
+
+// The gap rule's program from byte 1 at position p, through the window
+// when it opens with a gap (whose window then starts right after p).
+inline bool GapRuleMatches(const ByteWindow& w, SkipMemo& memo, uint32_t slot, const uint8_t* data, int32_t p,
+                           int32_t length, const uint8_t* prog) {
+  const uint32_t remaining = uint32_t(length - p - 1);
+  if (prog[0] != kGapCode) return SEARCH_BuscaTblMatchTail(data + p + 1, prog, remaining);
+  if (memo.Skips(slot, p)) return false;
+  const int32_t window = prog[1];
+  const uint8_t after = prog[3];
+  const bool literal_after = after != kEndCode && after != kGapCode;
+  const int32_t limit = p + 1 + (int32_t(remaining) < window ? int32_t(remaining) : window);
+  // Candidates for N, nearest first: inside the gap window they are tried;
+  // the first usable one beyond it tells how far this pattern can be
+  // skipped. The walk beyond the window is bounded to keep its cost in
+  // proportion to what it can save.
+  int32_t beyond = 0;
+  int32_t i = w.First(prog[2]);
+  for (; i != ByteWindow::kNone; i = w.Next(i)) {
+    const bool usable = !literal_after || (i + 1 < length && data[i + 1] == after);
+    if (i < limit) {
+      if (usable && MatchAfterCandidate(data + i, prog + 3, uint32_t(length - i - 1))) return true;
+      continue;
+    }
+    if (usable) {
+      memo.Set(slot, i - window);
+      return false;
+    }
+    if (++beyond == 32) break;
+  }
+  // No usable candidate up to i (or in the whole window span): nothing can
+  // start before the last index looked at, or the span's end, minus G.
+  const int32_t seen = i != ByteWindow::kNone ? i : p + ByteWindow::kSpan;
+  memo.Set(slot, seen + 1 >= length ? INT32_MAX : seen + 1 - window);
+  return false;
+}
+
+// kIndexed: with the byte window and the skip memo (`window` and `memo`
+// non-null).
+template <bool kIndexed>
+void SearchLocally(const Table& t, const uint8_t* data, int positions, int length, SEARCH_BuscaTblList* out,
+                   ByteWindow* window, SkipMemo* memo) {
   const uint8_t* bitmap = t.bitmap;
-  ByteWindow window(data, length);
   for (int p = 0; p < positions; ++p) {
-    if (p > 0) window.Advance(p);
+    if (kIndexed && p > 0) window->Advance(p);
     const uint32_t b0 = data[p];
     const uint32_t key = b0 | uint32_t(data[p + 1]) << 8;
     // Bytes left after the two key bytes; positions <= length - 1 keeps it
@@ -182,7 +234,9 @@ void SearchLocally(const Table& t, const uint8_t* data, int positions, int lengt
       uint32_t first = 0;
       for (uint32_t i = Bucket(t.index, gap_key, first); i-- > 0;) {
         const uint8_t* pattern = t.patterns[first + i];
-        if (GapRuleMatches(window, data, p, length, pattern + 1)) SEARCH_BuscaTblAddHit(out, pattern);
+        const bool match = kIndexed ? GapRuleMatches(*window, *memo, first + i, data, p, length, pattern + 1)
+                                    : SEARCH_BuscaTblMatchTail(data + p + 1, pattern + 1, uint32_t(length - p - 1));
+        if (match) SEARCH_BuscaTblAddHit(out, pattern);
       }
     }
   }
@@ -233,7 +287,15 @@ void SEARCH_BuscaTbl(unsigned int table, const SEARCH_BuscaTblDesc* tables, cons
     return;
   }
   if (positions <= 0) return;
-  SearchLocally(ReadDesc(tables, table), data, positions, length, out);
+  // Short searches (one position at a time, say) would spend more on
+  // setting the window and the memo up than they could save.
+  if (positions < kIndexedFrom) {
+    SearchLocally<false>(ReadDesc(tables, table), data, positions, length, out, nullptr, nullptr);
+    return;
+  }
+  ByteWindow window(data, length);
+  SkipMemo memo;
+  SearchLocally<true>(ReadDesc(tables, table), data, positions, length, out, &window, &memo);
 }
 
 }  // namespace vrk::search

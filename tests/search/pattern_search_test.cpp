@@ -270,9 +270,10 @@ struct RandomCase {
 
 // Patterns over a small alphabet (so that they hit), with gaps, some filed
 // under gap keys, some with 0xDD and 0xDF in their keys and heads.
-RandomCase RandomPatterns(std::mt19937& rng, int count) {
+// `wide`: any byte value, so that a gap's byte is often absent nearby.
+RandomCase RandomPatterns(std::mt19937& rng, int count, bool wide) {
   static const uint8_t kAlphabet[] = {0x00, 0x41, 0x42, 0x43, 0x8B, DD, DF, 0xFF};
-  auto byte = [&] { return kAlphabet[rng() % std::size(kAlphabet)]; };
+  auto byte = [&] { return wide ? uint8_t(rng()) : kAlphabet[rng() % std::size(kAlphabet)]; };
   RandomCase c;
   while (int(c.sources.size()) < count) {
     std::string text;
@@ -297,10 +298,10 @@ RandomCase RandomPatterns(std::mt19937& rng, int count) {
   return c;
 }
 
-Bytes RandomData(std::mt19937& rng, const RandomCase& c, size_t size) {
+Bytes RandomData(std::mt19937& rng, const RandomCase& c, size_t size, bool wide) {
   static const uint8_t kAlphabet[] = {0x00, 0x41, 0x42, 0x43, 0x8B, DD, DF, 0xFF, 0x10, 0x20};
   Bytes data(size);
-  for (uint8_t& b : data) b = kAlphabet[rng() % std::size(kAlphabet)];
+  for (uint8_t& b : data) b = wide ? uint8_t(rng()) : kAlphabet[rng() % std::size(kAlphabet)];
   // Plant instances of random patterns, gaps filled with random bytes.
   for (int n = 0; n < int(size / 40); ++n) {
     const auto& e = c.elements[rng() % c.elements.size()];
@@ -318,11 +319,14 @@ Bytes RandomData(std::mt19937& rng, const RandomCase& c, size_t size) {
 
 TEST(PatternSearch, RandomTablesAgreeWithReferenceAndMeaning) {
   std::mt19937 rng(20261122);
-  for (int round = 0; round < 30; ++round) {
+  for (int round = 0; round < 40; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    const RandomCase c = RandomPatterns(rng, 100 + int(rng() % 300));
+    const bool wide = round % 2 == 1;
+    const RandomCase c = RandomPatterns(rng, 100 + int(rng() % 300), wide);
     Table table = Build(c.sources);
-    const Bytes data = RandomData(rng, c, 1000 + rng() % 3000);
+    // Short data too: searches of fewer than 256 positions go without the
+    // gap index.
+    const Bytes data = RandomData(rng, c, round % 8 == 0 ? 3 + rng() % 250 : 1000 + rng() % 5000, wide);
     const int length = int(data.size());
     const int positions = length - 1 - int(rng() % 3);
 
@@ -361,7 +365,9 @@ TEST(PatternSearch, RandomTablesAgreeWithReferenceAndMeaning) {
       }
     }
     ASSERT_EQ(std::vector<const uint8_t*>(items.begin(), items.end()), meant);
-    EXPECT_GT(items.size(), 0u);
+    if (data.size() > 1000) {
+      EXPECT_GT(items.size(), 0u);
+    }
   }
 }
 
