@@ -1,0 +1,73 @@
+// Fuzz target: tables built from fuzzer-chosen patterns, searched over
+// fuzzer-chosen data, must give exactly the hits of a straightforward
+// reading of the table rules.
+//
+// Input: byte 0 = number of patterns (low 4 bits, plus 1); then per
+// pattern a length byte and that many element bytes, where 0xFE followed by
+// a byte is a gap of (byte & 63) and anything else a literal; then one byte
+// that shortens the positions searched; the rest is the data (at most 1024
+// bytes). Gaps are kept short and few so that backtracking stays bounded.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/search/pattern_reference.h"
+#include "vrk_search.h"
+// The builder is compiled in directly: fuzz targets link only the library.
+#include "tools/patterns/pattern_builder.cpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace vrk::patterns;
+  if (size < 2) return 0;
+  size_t at = 0;
+  const int count = (data[at++] & 15) + 1;
+  std::vector<PatternSource> sources;
+  for (int n = 0; n < count && at < size; ++n) {
+    const size_t length = data[at++] % 17;
+    std::vector<Element> elements;
+    int gaps = 0;
+    for (size_t i = 0; i < length && at < size; ++i) {
+      const uint8_t b = data[at++];
+      if (b == 0xFE && at < size) {
+        elements.push_back({true, 0, uint8_t(data[at++] & 63)});
+        ++gaps;
+      } else {
+        elements.push_back({false, b, 0});
+      }
+    }
+    if (gaps > 2) continue;
+    // Only patterns the layout can express; the rest are refused by design.
+    const std::string text = FormatPattern(elements);
+    std::vector<Element> parsed;
+    uint16_t key;
+    std::vector<uint8_t> record;
+    std::string error;
+    if (!ParsePattern(text, parsed, error) || !EncodePattern(parsed, key, record, error)) continue;
+    sources.push_back({"p" + std::to_string(n), text});
+  }
+  if (at >= size) return 0;
+  const uint8_t shorten = data[at++];
+  const uint8_t* buffer = data + at;
+  const size_t available = size - at > 1024 ? 1024 : size - at;
+  if (available < 1) return 0;
+  // A private copy, so that reading past it is caught by the sanitizer.
+  std::vector<uint8_t> bytes(buffer, buffer + available);
+  const int length = int(bytes.size());
+  const int positions = length - 1 - (shorten % 4);
+
+  Table table;
+  std::string error;
+  if (!BuildTable(sources, table, error)) __builtin_trap();  // each pattern was accepted alone
+  std::vector<const unsigned char*> items(4096);
+  SEARCH_BuscaTblList out{uint32_t(items.size()), 0, items.data()};
+  SEARCH_BuscaTbl(0, table.mutable_desc(), bytes.data(), positions, length, &out);
+  std::vector<const uint8_t*> expected;
+  vrk::test::ReferenceSearch(table.desc(), bytes.data(), positions, length, expected);
+  if (expected.size() > items.size()) expected.resize(items.size());
+  if (out.count != expected.size()) __builtin_trap();
+  for (uint32_t i = 0; i < out.count; ++i) {
+    if (items[i] != expected[i]) __builtin_trap();
+  }
+  return 0;
+}

@@ -1,0 +1,128 @@
+// vrkutil patterns: search files for byte patterns with a pattern table.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "command.h"
+#include "patterns/pattern_builder.h"
+#include "vrk_search.h"
+
+namespace vrkutil {
+namespace {
+
+int Run(Args args);
+
+const Command kPatterns{
+    "patterns", "[--compile] [--pattern PATTERN]... [PATTERNFILE] FILE...",
+    "search files for byte patterns with gaps",
+    "Builds a pattern search table and reports every match in each FILE as\n"
+    "FILE:OFFSET:NAME (OFFSET in decimal, where the match starts).\n"
+    "\n"
+    "Patterns come from PATTERNFILE, one per line as 'NAME: PATTERN' or just\n"
+    "'PATTERN' ('#' starts a comment), or from --pattern options (named by\n"
+    "their text). A PATTERN is hex bytes with gaps, e.g. '4D 5A {0-3} 50 45':\n"
+    "'{0-K}' stands for 0 to K arbitrary bytes (K at most 254) and must be\n"
+    "followed by a byte. Patterns the table layout cannot hold are refused\n"
+    "with the reason.\n"
+    "\n"
+    "  --compile   also print each pattern's key and table record\n"
+    "\n"
+    "Exit status: 1 when something matched, 0 when nothing did, 2 on error.",
+    Run};
+
+constexpr int kExitMatched = 1;
+constexpr int kExitNoMatch = 0;
+
+bool ReadWholeFile(const char* path, std::vector<uint8_t>& out) {
+  FILE* f = std::fopen(path, "rb");
+  if (!f) return false;
+  out.clear();
+  uint8_t buffer[65536];
+  size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) out.insert(out.end(), buffer, buffer + got);
+  const bool ok = std::ferror(f) == 0;
+  std::fclose(f);
+  return ok;
+}
+
+void PrintCompiled(const vrk::patterns::Table& table) {
+  for (size_t n = 0; n < table.size(); ++n) {
+    const uint16_t key = table.Key(int(n));
+    std::printf("%s: key %02X %02X (%s rule), slot %u, record", table.Name(int(n)).c_str(), key & 0xFF, key >> 8,
+                (key >> 8) == 0xDD ? "gap" : "two-byte", unsigned(table.Slot(int(n))));
+    for (uint8_t b : table.Record(int(n))) std::printf(" %02X", b);
+    std::printf("\n");
+  }
+}
+
+int Run(Args args) {
+  bool compile = false;
+  std::vector<vrk::patterns::PatternSource> sources;
+  std::vector<const char*> positional;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string_view arg = args[i];
+    if (arg == "--compile") {
+      compile = true;
+    } else if (arg == "--pattern" || arg == "-p") {
+      if (i + 1 == args.size()) return UsageError(kPatterns, "--pattern needs a PATTERN");
+      sources.push_back({args[i + 1], args[i + 1]});
+      ++i;
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      return UsageError(kPatterns, "unknown option '%s'", args[i]);
+    } else {
+      positional.push_back(args[i]);
+    }
+  }
+  size_t first_file = 0;
+  if (sources.empty()) {
+    if (positional.empty()) return UsageError(kPatterns, "expected a PATTERNFILE or --pattern");
+    std::string error;
+    if (!vrk::patterns::ReadPatternFile(positional[0], sources, error)) return Fail(kExitUsage, "%s", error.c_str());
+    first_file = 1;
+  }
+  if (positional.size() == first_file && !compile) return UsageError(kPatterns, "expected at least one FILE");
+
+  vrk::patterns::Table table;
+  std::string error;
+  if (!vrk::patterns::BuildTable(sources, table, error)) return Fail(kExitUsage, "%s", error.c_str());
+  if (compile) PrintCompiled(table);
+  // Registered as a scanner would: with an analysis module on the loader's
+  // path that offers pattern search, the searches below go to it.
+  SEARCH_BuscaTblRegisterTable(table.mutable_desc(), 0);
+
+  // Each start position may report a pattern twice (two-byte and gap rule).
+  std::vector<const unsigned char*> items(2 * table.size() + 1);
+  int status = kExitNoMatch;
+  std::vector<uint8_t> data;
+  for (size_t f = first_file; f < positional.size(); ++f) {
+    const char* path = positional[f];
+    if (!ReadWholeFile(path, data)) {
+      status = Fail(kExitUsage, "cannot read %s", path);
+      continue;
+    }
+    if (data.size() > 0x7FFFFFFF) {
+      status = Fail(kExitUsage, "%s is too large", path);
+      continue;
+    }
+    // One search per start position, so that each hit has its offset. The
+    // key reads the byte after a position: the last byte starts nothing.
+    for (size_t p = 0; p + 1 < data.size(); ++p) {
+      SEARCH_BuscaTblList out{uint32_t(items.size()), 0, items.data()};
+      SEARCH_BuscaTbl(0, table.mutable_desc(), data.data() + p, 1, int(data.size() - p), &out);
+      for (uint32_t i = 0; i < out.count; ++i) {
+        const int number = table.NumberOf(items[i]);
+        std::printf("%s:%zu:%s\n", path, p, number >= 0 ? table.Name(number).c_str() : "?");
+        if (status == kExitNoMatch) status = kExitMatched;
+      }
+    }
+  }
+  return status;
+}
+
+}  // namespace
+
+VRK_COMMAND(kPatterns);
+
+}  // namespace vrkutil
