@@ -1,0 +1,233 @@
+// Compiling signature databases and scanning files with them.
+#include "scan/engine.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "vrk_checksum.h"
+#include "vrk_standin_ctl.h"
+#include "vrkvfile.h"
+
+namespace vrk::scan {
+namespace {
+
+constexpr uint32_t kFingerprintBytes = 2048;
+constexpr uint32_t kHitCapacity = 4096;
+
+// Bytes one match of a pattern can cover: every literal byte, plus the
+// arbitrary bytes each gap may skip.
+uint32_t Span(const std::vector<patterns::Element>& elements) {
+  uint32_t span = 0;
+  for (const patterns::Element& e : elements) span += e.gap ? e.max_skip : 1;
+  return span;
+}
+
+// A virtual file closed when it goes out of scope.
+struct OpenFile {
+  VFileHandle handle;
+  explicit OpenFile(const std::string& path) : handle(vrkvfile_open_path(path.c_str(), VRKVFILE_COPY)) {}
+  ~OpenFile() { vrkvfile_close(handle); }
+};
+
+// An MD5 context that is always finished, so none leaks on early returns.
+struct Md5 {
+  MD5_CTX* ctx = nullptr;
+  explicit Md5(bool wanted) : ctx(wanted ? MD5Init() : nullptr) {}
+  ~Md5() {
+    if (ctx) {
+      unsigned char ignored[16];
+      MD5Final(ctx, ignored);
+    }
+  }
+  void Update(const unsigned char* data, uint32_t length) {
+    if (ctx && length) MD5Update(ctx, data, length);
+  }
+  bool Final(std::array<uint8_t, 16>& digest) {
+    if (!ctx) return false;
+    MD5Final(std::exchange(ctx, nullptr), digest.data());
+    return true;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, std::string& error) {
+  std::unique_ptr<CompiledDatabase> out(new CompiledDatabase);
+  std::vector<patterns::PatternSource> pattern_sources;
+  std::vector<const Signature*> pattern_origin;
+  std::array<std::vector<std::pair<uint32_t, int>>, SEARCH_CRC_COLUMNS> crc_cells;
+
+  for (const Signature& sig : db.signatures) {
+    const int number = int(out->names_.size());
+    out->names_.push_back(sig.name);
+    switch (sig.kind) {
+      case SignatureKind::kCrc:
+        crc_cells[sig.column].emplace_back(sig.crc, number);
+        break;
+      case SignatureKind::kMd5:
+        out->md5_.emplace_back(sig.md5, number);
+        break;
+      case SignatureKind::kPattern: {
+        std::vector<patterns::Element> elements;
+        std::string message;
+        if (!patterns::ParsePattern(sig.pattern, elements, message)) {
+          error = sig.origin + ": " + message;
+          return nullptr;
+        }
+        out->longest_pattern_ = std::max(out->longest_pattern_, Span(elements));
+        pattern_sources.push_back({sig.name, sig.pattern});
+        pattern_origin.push_back(&sig);
+        out->pattern_signatures_.push_back(number);
+        break;
+      }
+    }
+  }
+
+  if (pattern_sources.size() > 0xffff) {
+    error = "too many patterns: a table holds at most 65535";
+    return nullptr;
+  }
+  if (!pattern_sources.empty()) {
+    std::string message;
+    if (!patterns::BuildTable(pattern_sources, out->pattern_table_, message)) {
+      // The builder names the refused pattern; point at its line too.
+      for (size_t i = 0; i < pattern_sources.size(); ++i) {
+        if (message.find(pattern_sources[i].name) != std::string::npos) {
+          error = pattern_origin[i]->origin + ": " + message;
+          return nullptr;
+        }
+      }
+      error = message;
+      return nullptr;
+    }
+  }
+
+  for (uint32_t column = 1; column < SEARCH_CRC_COLUMNS; ++column) {
+    auto& cell = crc_cells[column];
+    if (cell.empty()) continue;
+    std::stable_sort(cell.begin(), cell.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [value, sig] : cell) {
+      out->crc_values_[column].push_back(value);
+      out->crc_signatures_[column].push_back(sig);
+    }
+    SEARCH_CRCRegisterTable(out->crc_row_.data(), column, 0, out->crc_values_[column].data(),
+                            uint32_t(cell.size()));
+    out->crc_cells_used_ = true;
+  }
+
+  std::sort(out->md5_.begin(), out->md5_.end());
+  return out;
+}
+
+void CompiledDatabase::Register() {
+  if (has_patterns()) SEARCH_BuscaTblRegisterTable(pattern_table_.mutable_desc(), 0);
+}
+
+void CompiledDatabase::Locate(const unsigned char* data, uint32_t length, uint32_t lo, uint32_t hi, uint32_t base,
+                              std::vector<const unsigned char*>& items, std::vector<bool>& seen,
+                              std::vector<Detection>& out) const {
+  if (lo >= hi) return;
+  auto* tables = const_cast<SEARCH_BuscaTblDesc*>(&pattern_table_.desc());
+  SEARCH_BuscaTblList list{uint32_t(items.size()), 0, items.data()};
+  SEARCH_BuscaTbl(0, tables, data + lo, int(hi - lo), int(length - lo), &list);
+  // A full list may have dropped hits of patterns not reported yet.
+  bool unseen = list.count == list.capacity;
+  for (uint32_t i = 0; i < list.count && !unseen; ++i) {
+    const int number = pattern_table_.NumberOf(list.items[i]);
+    unseen = number >= 0 && !seen[number];
+  }
+  if (!unseen) return;
+  if (hi - lo > 1) {
+    // Hits carry no position: halve the range, earlier half first, so each
+    // pattern is reported at its first offset. One hit costs about one more
+    // search of the range.
+    const uint32_t mid = lo + (hi - lo) / 2;
+    Locate(data, length, lo, mid, base, items, seen, out);
+    Locate(data, length, mid, hi, base, items, seen, out);
+    return;
+  }
+  for (uint32_t i = 0; i < list.count; ++i) {
+    const int number = pattern_table_.NumberOf(list.items[i]);
+    if (number < 0 || seen[number]) continue;
+    seen[number] = true;
+    out.push_back({names_[pattern_signatures_[number]], true, uint64_t(base) + lo});
+  }
+}
+
+void CompiledDatabase::CrcDetections(const unsigned char* head, uint32_t length, std::vector<Detection>& out) const {
+  SEARCH_CRCFingerprint fingerprint{};
+  SEARCH_CRCList hits{};
+  // The library reads only the row; the table itself is never written.
+  auto* row = const_cast<SEARCH_CRCTblEntry*>(crc_row_.data());
+  SEARCH_CRCFile(head, int32_t(length), 0, 0, &fingerprint, 0, row, &hits);
+  for (uint32_t i = 0; i < hits.count; ++i) {
+    const SEARCH_CRCHit& hit = hits.entries[i];
+    if (hit.column == 0 || hit.column >= SEARCH_CRC_COLUMNS) continue;
+    out.push_back({names_[crc_signatures_[hit.column][hit.position]], false, 0});
+  }
+  SEARCH_CRCFree(&hits);
+}
+
+FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) const {
+  FileReport report;
+  OpenFile file(path);
+  if (!file.handle) {
+    report.error = "cannot open";
+    return report;
+  }
+  const uint32_t size = VFilelength(file.handle);
+  if (size == 0xffffffffu) {
+    report.error = "cannot tell the length";
+    return report;
+  }
+  chunk = std::max<uint32_t>(chunk, kFingerprintBytes);
+  const uint32_t overlap = longest_pattern_ + 1;
+  std::vector<unsigned char> buffer(size_t(chunk) + overlap);
+  Md5 md5(has_md5());
+  std::vector<bool> pattern_seen(pattern_table_.size(), false);
+  std::vector<const unsigned char*> items(kHitCapacity);
+
+  // The buffer holds file bytes [base, base + filled). Each round searches
+  // the start positions [base, base + chunk): every start position of the
+  // file is tried exactly once, and a match starting there lies wholly in
+  // the buffer because the overlap covers the longest pattern.
+  uint32_t base = 0, filled = 0, read_total = 0;
+  bool first_round = true;  // the fingerprint reads the file's first bytes
+  while (true) {
+    const uint32_t want = uint32_t(buffer.size()) - filled;
+    const uint32_t got = want ? VRead(buffer.data() + filled, 1, want, file.handle) : 0;
+    md5.Update(buffer.data() + filled, got);
+    filled += got;
+    read_total += got;
+    const bool at_end = read_total >= size || got < want;
+
+    if (first_round) {
+      if (has_crcs()) CrcDetections(buffer.data(), std::min(filled, kFingerprintBytes), report.detections);
+      first_round = false;
+    }
+
+    if (has_patterns() && filled >= 2) {
+      // The library reads the byte after the last start position.
+      const uint32_t positions = at_end ? filled - 1 : std::min(chunk, filled - 1);
+      Locate(buffer.data(), filled, 0, positions, base, items, pattern_seen, report.detections);
+    }
+    if (at_end || (!has_patterns() && !has_md5())) break;
+    // Keep the bytes behind this round's start positions for the next.
+    const uint32_t keep = filled > chunk ? filled - chunk : 0;
+    std::memmove(buffer.data(), buffer.data() + (filled - keep), keep);
+    base += filled - keep;
+    filled = keep;
+  }
+  report.bytes = read_total;
+  if (read_total < size) report.error = "read failed";
+
+  std::array<uint8_t, 16> digest;
+  if (md5.Final(digest)) {
+    auto it = std::lower_bound(md5_.begin(), md5_.end(), std::make_pair(digest, -1));
+    for (; it != md5_.end() && it->first == digest; ++it) report.detections.push_back({names_[it->second], false, 0});
+  }
+  return report;
+}
+
+}  // namespace vrk::scan
