@@ -12,27 +12,8 @@ namespace {
 
 using vrk::test::RunTool;
 
-struct Case {
-  std::vector<std::string> args;
-  int status;
-  std::string out;  // exact standard output
-  const char* err;  // a part of standard error ("" = must be empty)
-};
-
-void Check(const Case& c) {
-  std::string joined;
-  for (const auto& a : c.args) joined += a + ' ';
-  SCOPED_TRACE(joined);
-  const auto r = RunTool(c.args);
-  EXPECT_EQ(r.status, c.status);
-  EXPECT_EQ(r.out, c.out);
-  if (*c.err == '\0') {
-    EXPECT_EQ(r.err, "");
-  } else {
-    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
-    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << r.err;
-  }
-}
+using Case = vrk::test::ToolCase;
+constexpr auto Check = vrk::test::CheckTool;
 
 TEST(Cli, PathSplitAndMake) {
   const Case cases[] = {

@@ -8,6 +8,8 @@
 
 #include <cstring>
 
+#include <gtest/gtest.h>
+
 namespace vrk::test {
 
 ToolResult RunTool(const std::vector<std::string>& args, const std::string& input) {
@@ -53,6 +55,21 @@ ToolResult RunTool(const std::vector<std::string>& args, const std::string& inpu
   waitpid(pid, &wstatus, 0);
   result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
   return result;
+}
+
+void CheckTool(const ToolCase& c) {
+  std::string joined;
+  for (const std::string& a : c.args) joined += a + ' ';
+  SCOPED_TRACE(joined);
+  const ToolResult r = RunTool(c.args);
+  EXPECT_EQ(r.status, c.status);
+  EXPECT_EQ(r.out, c.out);
+  if (*c.err == '\0') {
+    EXPECT_EQ(r.err, "");
+  } else {
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << "errors are one line: " << r.err;
+  }
 }
 
 }  // namespace vrk::test

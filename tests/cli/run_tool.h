@@ -14,4 +14,16 @@ struct ToolResult {
 
 ToolResult RunTool(const std::vector<std::string>& args, const std::string& input = "");
 
+// One expected run: exact standard output, exit status, and a part of the
+// one-line standard error ("" = stderr must be empty).
+struct ToolCase {
+  std::vector<std::string> args;
+  int status;
+  std::string out;
+  const char* err;
+};
+
+// Runs the case and reports every difference as a test failure.
+void CheckTool(const ToolCase& c);
+
 }  // namespace vrk::test
