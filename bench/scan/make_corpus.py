@@ -39,7 +39,10 @@ def make_pattern(rng):
     lits = [rng.randrange(256) for _ in range(n)]
     # Bytes 0xDD and 0xDF cannot stand in a program after the literal head.
     lits = [b if b not in (0xDD, 0xDF) else 0x41 for b in lits]
-    cuts = sorted(rng.sample(range(3, n - 1), rng.randint(1, 2)))
+    # Every literal run keeps at least 4 bytes (clamscan refuses shorter ones).
+    cuts = [rng.randint(4, n - 4)]
+    if n >= 16 and rng.random() < 0.5:
+        cuts = sorted([rng.randint(4, n // 2 - 2), rng.randint(n // 2 + 2, n - 4)])
     parts, prev = [], 0
     for c in cuts:
         parts.append(("lit", lits[prev:c]))

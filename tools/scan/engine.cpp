@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "vrk_checksum.h"
@@ -183,10 +184,19 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
   }
   chunk = std::max<uint32_t>(chunk, kFingerprintBytes);
   const uint32_t overlap = longest_pattern_ + 1;
-  std::vector<unsigned char> buffer(size_t(chunk) + overlap);
+  // Small files get a small buffer; each thread keeps its own between files
+  // (never zero-filled: only bytes read are looked at).
+  const size_t wanted = size_t(std::min(chunk, std::max(size, 1u))) + overlap;
+  thread_local std::unique_ptr<unsigned char[]> storage;
+  thread_local size_t storage_size = 0;
+  if (storage_size < wanted) {
+    storage.reset(new unsigned char[wanted]);
+    storage_size = wanted;
+  }
+  const std::span<unsigned char> buffer(storage.get(), wanted);
   Md5 md5(has_md5());
   std::vector<bool> pattern_seen(pattern_table_.size(), false);
-  std::vector<const unsigned char*> items(kHitCapacity);
+  thread_local std::vector<const unsigned char*> items(kHitCapacity);
 
   // The buffer holds file bytes [base, base + filled). Each round searches
   // the start positions [base, base + chunk): every start position of the
