@@ -16,7 +16,7 @@ namespace {
 
 bool Write(const std::string& path, const std::vector<unsigned char>& data, std::string& error) {
   FILE* f = std::fopen(path.c_str(), "wb");
-  if (!f || std::fwrite(data.data(), 1, data.size(), f) != data.size()) {
+  if (!f || (!data.empty() && std::fwrite(data.data(), 1, data.size(), f) != data.size())) {
     error = path + ": " + std::strerror(errno);
     if (f) std::fclose(f);
     return false;
