@@ -95,16 +95,22 @@ constexpr bool IsEscape(const char* p) {
 // Length of the unit at `p` when it belongs to `set`: 3 for an escape (when
 // the set admits escapes), 1 for a member byte, 0 when the unit is outside
 // the set or `p` is on the terminator.
-constexpr uint32_t UnitIn(const char* p, CharSet set) {
+constexpr uint32_t UnitIn(const char* p, const CharSet& set) {
   const auto c = static_cast<uint8_t>(*p);
   if (c == '%') return set.Has('%') && IsEscape(p) ? 3 : 0;
   return set.Has(c) ? 1 : 0;
 }
 
-// The first position from `p` on whose unit is outside `set`.
-constexpr const char* SkipUnits(const char* p, CharSet set) {
-  while (uint32_t n = UnitIn(p, set)) p += n;
-  return p;
+// The first position from `p` on whose unit is outside `set`. Plain member
+// bytes are the common case and are taken in a tight loop; only a "%" goes
+// through the escape test.
+constexpr const char* SkipUnits(const char* p, const CharSet& set) {
+  for (;;) {
+    auto c = static_cast<uint8_t>(*p);
+    while (c != '%' && set.Has(c)) c = static_cast<uint8_t>(*++p);
+    if (c != '%' || !set.Has('%') || !IsEscape(p)) return p;
+    p += 3;
+  }
 }
 
 // Value of a hex digit already known to be one.

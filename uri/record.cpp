@@ -49,6 +49,12 @@ char* URI_Unescape(const char* text, int32_t length, char* destination) {
   // there.
   const char* in = text;
   const char* const end = text + n;
+  // Most components hold no escape at all: copy them whole.
+  if (!std::memchr(text, '%', n)) {
+    std::memcpy(out, text, n);
+    out[n] = '\0';
+    return out;
+  }
   char* o = out;
   while (in < end) {
     if (*in == '%' && end - in >= 3) {
