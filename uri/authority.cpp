@@ -10,6 +10,9 @@ namespace vrk::uri {
 
 namespace {
 
+// The units of a host-name label.
+constexpr CharSet kLabel = kAlphanum | kEscaped;
+
 void Release(char*& text) {
   if (text) {
     Pfree(text);
@@ -40,7 +43,6 @@ int PreScanAddress(const char*& p, int& runs) {
 // took): labels of alphanumerics and escapes joined by single "." and
 // inner "-". A "-" may end the last label.
 int ScanHostName(const char*& p) {
-  constexpr CharSet kLabel = kAlphanum | kEscaped;
   if (UnitIn(p, kLabel) == 0) return code::kHostStart;
   for (;;) {
     if (uint32_t n = UnitIn(p, kLabel)) {
