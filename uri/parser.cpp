@@ -22,15 +22,13 @@ uint32_t URI_IsNoBreakSpace(const char* position) {
 
 // absoluteURI = scheme ":" ( hier_part | opaque_part )
 int URI_ParseAbsolute(URI_Record* record, const char** cursor) {
-  const char* const start = *cursor;
-  if (int rc = URI_ScanScheme(record, cursor); rc != code::kOk) return rc;
-  if (**cursor != ':') {
-    *cursor = start;
-    return code::kNotAbsolute;
-  }
-  ++*cursor;
-  if (**cursor == '/' || **cursor == '\\') return URI_ParseHierPart(record, cursor);
-  return URI_ScanOpaquePart(record, cursor);
+  const char* p = *cursor;
+  if (int rc = URI_ScanScheme(record, &p); rc != code::kOk) return rc;
+  if (*p != ':') return code::kNotAbsolute;
+  ++p;
+  const int rc = (*p == '/' || *p == '\\') ? URI_ParseHierPart(record, &p) : URI_ScanOpaquePart(record, &p);
+  if (rc == code::kOk) *cursor = p;
+  return rc;
 }
 
 // hier_part = ( net_path | abs_path ) [ "?" query ]
@@ -39,33 +37,35 @@ int URI_ParseAbsolute(URI_Record* record, const char** cursor) {
 // Two backslashes stand for "//" here, as senders on Windows write them; a
 // backslash after the authority is not taken as the start of a path.
 int URI_ParseHierPart(URI_Record* record, const char** cursor) {
-  const char*& p = *cursor;
+  const char* p = *cursor;
   int rc = code::kOk;
   if (StartsWithTwo(p, '/') || StartsWithTwo(p, '\\')) {
     p += 2;
-    if (int auth = URI_ScanAuthority(record, cursor); auth != code::kOk) return auth;
+    if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
     if (*p == '/') {
       ++p;
-      rc = URI_ScanPathSegments(record, cursor);
+      rc = URI_ScanPathSegments(record, &p);
     }
   } else if (*p == '/') {
     ++p;
-    rc = URI_ScanPathSegments(record, cursor);
+    rc = URI_ScanPathSegments(record, &p);
   } else {
     return code::kLoneBackslash;
   }
   if (rc != code::kOk) return rc;
   if (*p == '?') {
     ++p;
-    (void)URI_ScanQuery(record, cursor);
+    (void)URI_ScanQuery(record, &p);
   }
+  *cursor = p;
   return code::kOk;
 }
 
 // relativeURI = ( net_path | abs_path | rel_path ) [ "?" query ]
 // rel_path    = rel_segment [ abs_path ]
 // Only "//" starts a network path here; a reference that is only a query or
-// a fragment has no path at all.
+// a fragment has no path at all. Like the productions above, the cursor
+// moves only when the whole production matched.
 int URI_ParseRelative(URI_Record* record, const char** cursor) {
   const char* p = *cursor;
   int rc = code::kOk;
