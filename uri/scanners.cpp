@@ -14,7 +14,8 @@ namespace {
 // from `first`, then any number of units from `rest`. On a match the decoded
 // span replaces `field` and the cursor moves past it; otherwise nothing
 // changes and `mismatch` is returned.
-int ScanComponent(const char** cursor, char*& field, CharSet first, CharSet rest, bool required, int mismatch) {
+int ScanComponent(const char** cursor, char*& field, const CharSet& first, const CharSet& rest, bool required,
+                  int mismatch) {
   if (!cursor || !*cursor) return code::kFailed;
   const char* const begin = *cursor;
   const char* p = begin;

@@ -163,11 +163,19 @@ void PrintProfile() {
 // Keeps each benchmark's rate so that the ratios can be printed at the end.
 class RateReporter : public benchmark::ConsoleReporter {
  public:
+  // With --benchmark_repetitions the median of the repetitions is kept,
+  // else the single run's rate.
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration) continue;
       auto it = run.counters.find("items_per_second");
-      if (it != run.counters.end()) rates_[run.benchmark_name()] = it->second.value;
+      if (it == run.counters.end()) continue;
+      const std::string& name = run.run_name.function_name;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+        rates_[name] = it->second.value;
+        medians_[name] = true;
+      } else if (run.run_type == Run::RT_Iteration && !medians_[name]) {
+        rates_[name] = it->second.value;
+      }
     }
     ConsoleReporter::ReportRuns(runs);
   }
@@ -184,6 +192,7 @@ class RateReporter : public benchmark::ConsoleReporter {
 
  private:
   std::map<std::string, double> rates_;
+  std::map<std::string, bool> medians_;
 };
 
 }  // namespace
