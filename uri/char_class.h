@@ -11,6 +11,11 @@ namespace vrk::uri {
 // A set of byte values. '%' in a set stands for "escaped": the unit reader
 // admits a complete "%" HEX HEX escape where the set holds '%', and a bare
 // "%" never, so no class ever contains a lone percent sign.
+//
+// The set is defined and combined as a 256-bit mask; a byte-per-value copy
+// of it is derived at compile time as well, because the scanners' inner
+// loops test one byte per iteration and a single load beats extracting a
+// bit (a variable shift) on every byte.
 class CharSet {
  public:
   constexpr CharSet() = default;
@@ -23,23 +28,25 @@ class CharSet {
     return set;
   }
 
-  constexpr bool Has(uint8_t c) const { return (bits_[c >> 5] >> (c & 31)) & 1u; }
+  constexpr bool Has(uint8_t c) const { return member_[c] != 0; }
 
-  constexpr CharSet operator|(CharSet other) const {
-    CharSet out;
-    for (int i = 0; i < 8; ++i) out.bits_[i] = bits_[i] | other.bits_[i];
-    return out;
-  }
-  constexpr CharSet Without(CharSet other) const {
-    CharSet out;
-    for (int i = 0; i < 8; ++i) out.bits_[i] = bits_[i] & ~other.bits_[i];
-    return out;
-  }
+  constexpr CharSet operator|(const CharSet& other) const { return Combine(other, false); }
+  constexpr CharSet Without(const CharSet& other) const { return Combine(other, true); }
 
  private:
-  constexpr void Add(uint8_t c) { bits_[c >> 5] |= 1u << (c & 31); }
+  constexpr void Add(uint8_t c) {
+    bits_[c >> 5] |= 1u << (c & 31);
+    member_[c] = 1;
+  }
+  constexpr CharSet Combine(const CharSet& other, bool remove) const {
+    CharSet out;
+    for (int i = 0; i < 8; ++i) out.bits_[i] = remove ? bits_[i] & ~other.bits_[i] : bits_[i] | other.bits_[i];
+    for (int c = 0; c < 256; ++c) out.member_[c] = uint8_t((out.bits_[c >> 5] >> (c & 31)) & 1u);
+    return out;
+  }
 
   std::array<uint32_t, 8> bits_{};
+  std::array<uint8_t, 256> member_{};
 };
 
 // alpha = lowalpha | upalpha
