@@ -45,9 +45,8 @@ int PreScanAddress(const char*& p, int& runs) {
 int ScanHostName(const char*& p) {
   if (UnitIn(p, kLabel) == 0) return code::kHostStart;
   for (;;) {
-    if (uint32_t n = UnitIn(p, kLabel)) {
-      p += n;
-    } else if (*p == '-') {
+    p = SkipUnits(p, kLabel);
+    if (*p == '-') {
       if (p[-1] == '.') return code::kDashAfterDot;
       ++p;
     } else if (*p == '.') {
