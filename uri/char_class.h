@@ -15,7 +15,8 @@ namespace vrk::uri {
 // The set is defined and combined as a 256-bit mask; a byte-per-value copy
 // of it is derived at compile time as well, because the scanners' inner
 // loops test one byte per iteration and a single load beats extracting a
-// bit (a variable shift) on every byte.
+// bit (a variable shift) on every byte. The copy leaves "%" out, so that the
+// inner loop stops at every "%" without testing for it.
 class CharSet {
  public:
   constexpr CharSet() = default;
@@ -28,7 +29,10 @@ class CharSet {
     return set;
   }
 
+  // Whether the byte `c` alone is a unit of the set (never true for "%").
   constexpr bool Has(uint8_t c) const { return member_[c] != 0; }
+  // Whether the set admits "%" HEX HEX escapes.
+  constexpr bool Escapes() const { return (bits_['%' >> 5] >> ('%' & 31)) & 1u; }
 
   constexpr CharSet operator|(const CharSet& other) const { return Combine(other, false); }
   constexpr CharSet Without(const CharSet& other) const { return Combine(other, true); }
@@ -36,12 +40,12 @@ class CharSet {
  private:
   constexpr void Add(uint8_t c) {
     bits_[c >> 5] |= 1u << (c & 31);
-    member_[c] = 1;
+    member_[c] = c != '%';
   }
   constexpr CharSet Combine(const CharSet& other, bool remove) const {
     CharSet out;
     for (int i = 0; i < 8; ++i) out.bits_[i] = remove ? bits_[i] & ~other.bits_[i] : bits_[i] | other.bits_[i];
-    for (int c = 0; c < 256; ++c) out.member_[c] = uint8_t((out.bits_[c >> 5] >> (c & 31)) & 1u);
+    for (int c = 0; c < 256; ++c) out.member_[c] = c != '%' && ((out.bits_[c >> 5] >> (c & 31)) & 1u);
     return out;
   }
 
@@ -92,6 +96,7 @@ inline constexpr CharSet kRegName = kUnreserved | kEscaped | CharSet{"$,;:@&=+"}
 static_assert(!kUric.Has('#') && !kFragment.Has('#') && !kUric.Has(' ') && !kUric.Has(0x80));
 static_assert(kFragment.Has('\\') && !kUric.Has('\\') && kPathSegments.Has('\\'));
 static_assert(kUserinfo.Has(0x01) && !kUserinfo.Has('@') && kRegName.Has('@'));
+static_assert(kUric.Escapes() && !kUric.Has('%') && !kAlphanum.Escapes() && !kUnwise.Escapes());
 
 // True when `p` starts a complete escape. The text is NUL-terminated and the
 // tests short-circuit, so nothing past a terminator is read.
@@ -104,7 +109,7 @@ constexpr bool IsEscape(const char* p) {
 // the set or `p` is on the terminator.
 constexpr uint32_t UnitIn(const char* p, const CharSet& set) {
   const auto c = static_cast<uint8_t>(*p);
-  if (c == '%') return set.Has('%') && IsEscape(p) ? 3 : 0;
+  if (c == '%') return set.Escapes() && IsEscape(p) ? 3 : 0;
   return set.Has(c) ? 1 : 0;
 }
 
@@ -114,8 +119,8 @@ constexpr uint32_t UnitIn(const char* p, const CharSet& set) {
 constexpr const char* SkipUnits(const char* p, const CharSet& set) {
   for (;;) {
     auto c = static_cast<uint8_t>(*p);
-    while (c != '%' && set.Has(c)) c = static_cast<uint8_t>(*++p);
-    if (c != '%' || !set.Has('%') || !IsEscape(p)) return p;
+    while (set.Has(c)) c = static_cast<uint8_t>(*++p);
+    if (c != '%' || !set.Escapes() || !IsEscape(p)) return p;
     p += 3;
   }
 }
