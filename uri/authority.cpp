@@ -4,7 +4,6 @@
 
 #include "uri/char_class.h"
 #include "uri/uri_internal.h"
-#include "vrkalloc.h"
 
 namespace vrk::uri {
 
@@ -12,13 +11,6 @@ namespace {
 
 // The units of a host-name label.
 constexpr CharSet kLabel = kAlphanum | kEscaped;
-
-void Release(char*& text) {
-  if (text) {
-    Pfree(text);
-    text = nullptr;
-  }
-}
 
 // IPv4address = 1*digit "." 1*digit "." 1*digit "." 1*digit
 // Read leniently: the fourth run may be empty and no run is held to 255.
@@ -89,7 +81,7 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
   const char* host = start;
   const char* run_end = SkipUnits(start, kUserinfo);
   if (*run_end == '@') {
-    Release(record->userinfo);
+    ReleaseText(record->userinfo);
     record->userinfo = URI_Unescape(start, int32_t(run_end - start) + 1, nullptr);
     // An escaped NUL before the "@" has already ended the text.
     if (record->userinfo) {
@@ -97,13 +89,13 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
     }
     host = run_end + 1;
   } else {
-    Release(record->userinfo);
+    ReleaseText(record->userinfo);
   }
 
   // Empty host: "//" directly followed by the path.
   if (*host == '/') {
-    Release(record->reg_name);
-    Release(record->host);
+    ReleaseText(record->reg_name);
+    ReleaseText(record->host);
     record->port = 0;
     return code::kOk;
   }
@@ -124,7 +116,7 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
     if (int rc = CheckTopLabel(host, p); rc != code::kOk) return rc;
   }
 
-  Release(record->reg_name);
+  ReleaseText(record->reg_name);
   StoreText(record->host, host, p);
 
   // Port: a ":" with nothing numeric after it leaves the port as it was.
@@ -167,8 +159,8 @@ int URI_ScanAuthority(URI_Record* record, const char** cursor) {
   const uint32_t first = UnitIn(start, kRegName);
   if (first == 0) return code::kBadAuthority;
   const char* const end = SkipUnits(start + first, kRegName);
-  Release(record->host);
-  Release(record->userinfo);
+  ReleaseText(record->host);
+  ReleaseText(record->userinfo);
   // The registry name keeps whatever port the server attempt read.
   StoreText(record->reg_name, start, end);
   *cursor = end;

@@ -9,27 +9,23 @@ namespace vrk::uri {
 
 URI_Record* URI_NewRecord() { return static_cast<URI_Record*>(Pcalloc(1, sizeof(URI_Record), 0)); }
 
-namespace {
-
-void Release(char*& text) {
+void ReleaseText(char*& text) {
   if (text) {
     Pfree(text);
     text = nullptr;
   }
 }
 
-}  // namespace
-
 void URI_ClearRecord(URI_Record* record) {
   if (!record) return;
-  Release(record->scheme);
-  Release(record->host);
-  Release(record->userinfo);
-  Release(record->path);
-  Release(record->fragment);
-  Release(record->opaque);
-  Release(record->reg_name);
-  Release(record->query);
+  ReleaseText(record->scheme);
+  ReleaseText(record->host);
+  ReleaseText(record->userinfo);
+  ReleaseText(record->path);
+  ReleaseText(record->fragment);
+  ReleaseText(record->opaque);
+  ReleaseText(record->reg_name);
+  ReleaseText(record->query);
 }
 
 void URI_Free(URI_Record* record) {
@@ -69,7 +65,7 @@ char* URI_Unescape(const char* text, int32_t length, char* destination) {
 }
 
 void StoreText(char*& field, const char* begin, const char* end) {
-  Release(field);
+  ReleaseText(field);
   field = URI_Unescape(begin, int32_t(end - begin), nullptr);
 }
 

@@ -49,6 +49,9 @@ void URI_Free(URI_Record* record);
 // refused.
 char* URI_Unescape(const char* text, int32_t length, char* destination);
 
+// Releases the text `field`, if present, and marks it absent.
+void ReleaseText(char*& field);
+
 // Replaces the text `field` with the decoded copy of [begin, end): the old
 // text is released first; when the copy is refused the field stays absent.
 void StoreText(char*& field, const char* begin, const char* end);
