@@ -5,47 +5,43 @@
 
 namespace {
 
-using vrk::test::RunTool;
-using vrk::test::ToolResult;
+using vrk::test::CheckTool;
+using vrk::test::ToolCase;
 
-TEST(UriCli, PrintsEveryField) {
-  const ToolResult r = RunTool({"uri", "http://u@h.example:81/a%20b?"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
-            "input:    \"http://u@h.example:81/a%20b?\"\n"
-            "scheme:   \"http\"\n"
-            "opaque:   (absent)\n"
-            "reg_name: (absent)\n"
-            "host:     \"h.example\"\n"
-            "userinfo: \"u\"\n"
-            "path:     \"/a b\"\n"
-            "query:    \"\"\n"
-            "fragment: (absent)\n"
-            "port:     81\n");
-  EXPECT_EQ(r.err, "");
-}
-
-TEST(UriCli, JsonAndFailures) {
-  const ToolResult r = RunTool({"uri", "--server", "--json", "u@h.example/x", "localhost"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out,
-            "{\"input\": \"u@h.example/x\", \"record\": {\"scheme\": \"http\", \"opaque\": null, \"reg_name\": null, "
-            "\"host\": \"h.example\", \"userinfo\": \"u\", \"path\": null, \"query\": null, \"fragment\": null, "
-            "\"port\": 0}}\n"
-            "{\"input\": \"localhost\", \"record\": null}\n");
-
-  const ToolResult failed = RunTool({"uri", "localhost/a"});
-  EXPECT_EQ(failed.status, 1);
-  EXPECT_EQ(failed.out, "");
-  EXPECT_EQ(failed.err, "vrkutil: not a URI: 'localhost/a'\n");
-
-  EXPECT_EQ(RunTool({"uri"}).status, 2);
-  EXPECT_EQ(RunTool({"uri", "--frobnicate", "x"}).status, 2);
-  // After "--" a text that looks like an option is parsed: "http://--x"
-  // has a registry name.
-  const ToolResult dashes = RunTool({"uri", "--", "--x"});
-  EXPECT_EQ(dashes.status, 0);
-  EXPECT_NE(dashes.out.find("reg_name: \"--x\""), std::string::npos) << dashes.out;
+TEST(UriCli, Runs) {
+  const ToolCase kCases[] = {
+      {{"uri", "http://u@h.example:81/a%20b?"},
+       0,
+       "input:    \"http://u@h.example:81/a%20b?\"\n"
+       "scheme:   \"http\"\n"
+       "opaque:   (absent)\n"
+       "reg_name: (absent)\n"
+       "host:     \"h.example\"\n"
+       "userinfo: \"u\"\n"
+       "path:     \"/a b\"\n"
+       "query:    \"\"\n"
+       "fragment: (absent)\n"
+       "port:     81\n",
+       ""},
+      {{"uri", "--server", "--json", "u@h.example/x", "localhost"},
+       1,
+       "{\"input\": \"u@h.example/x\", \"record\": {\"scheme\": \"http\", \"opaque\": null, \"reg_name\": null, "
+       "\"host\": \"h.example\", \"userinfo\": \"u\", \"path\": null, \"query\": null, \"fragment\": null, "
+       "\"port\": 0}}\n"
+       "{\"input\": \"localhost\", \"record\": null}\n",
+       ""},
+      {{"uri", "localhost/a"}, 1, "", "not a URI: 'localhost/a'"},
+      // After "--" a text that looks like an option is parsed: "http://--x"
+      // has a registry name.
+      {{"uri", "--json", "--", "--x"},
+       0,
+       "{\"input\": \"--x\", \"record\": {\"scheme\": \"http\", \"opaque\": null, \"reg_name\": \"--x\", "
+       "\"host\": null, \"userinfo\": null, \"path\": null, \"query\": null, \"fragment\": null, \"port\": 0}}\n",
+       ""},
+      {{"uri"}, 2, "", "expected at least one TEXT"},
+      {{"uri", "--frobnicate", "x"}, 2, "", "unknown option '--frobnicate'"},
+  };
+  for (const ToolCase& c : kCases) CheckTool(c);
 }
 
 }  // namespace
