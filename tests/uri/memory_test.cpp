@@ -1,0 +1,210 @@
+// Memory of the URI functions: every allocator call in order with its
+// sizes, and what each function gives when any one of its allocations is
+// refused. Nothing may stay allocated after a failure.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/leak_check.h"
+#include "uri_test_util.h"
+
+namespace {
+
+using vrk::test::Describe;
+
+using Function = URI_Record* (*)(const char*);
+
+// One allocation request of a run without failures (bytes requested) and
+// the record the function gives when exactly that request is refused.
+struct Step {
+  uint32_t bytes;
+  const char* on_refusal;
+};
+
+struct Scenario {
+  const char* name;
+  Function function;
+  const char* input;
+  const char* result;  // without any refusal
+  std::vector<Step> steps;
+};
+
+uint32_t BytesOf(const VrkAllocCall& call) {
+  return call.op == VRKALLOC_PCALLOC ? call.a * call.b : call.a;
+}
+
+const char kFull[] = "scheme='http' host='h.example' userinfo='u' port=8 path='/p' query='q' fragment='f'";
+
+std::vector<Scenario> Scenarios() {
+  return {
+      {"absolute reference", URI_Parse, "http://u@h.example:8/p?q#f", kFull,
+       {
+           {40, "null"},  // the record
+           // Without its scheme the text is read again behind "http://",
+           // where "http" becomes a host without a dot.
+           {5, "null"},
+           {3, "scheme='http' host='h.example' port=8 path='/p' query='q' fragment='f'"},  // "u@"
+           {10, "scheme='http' userinfo='u' port=8 path='/p' query='q' fragment='f'"},
+           {3, "null"},  // a path that cannot be grown fails the parse
+           {2, "scheme='http' host='h.example' userinfo='u' port=8 path='/p' fragment='f'"},
+           {2, "scheme='http' host='h.example' userinfo='u' port=8 path='/p' query='q'"},
+       }},
+      {"reference behind the default prefix", URI_Parse, "h.example/p",
+       "scheme='http' host='h.example' path='/p'",
+       {
+           {40, "null"},
+           {10, "scheme='http' host='h.example' path='/p'"},  // scheme of the failed absolute attempt
+           {10, "scheme='http' host='h.example' path='/p'"},  // relative segment
+           {12, "null"},                                     // its path
+           {19, "path='h.example/p'"},                       // the prefixed copy: the first reading stands
+           {5, "host='h.example' path='/p'"},
+           {10, "scheme='http' path='/p'"},
+           {3, "null"},
+       }},
+      {"registry name", URI_Parse, "http://a.example:80x", "scheme='http' reg_name='a.example:80x' port=80",
+       {
+           {40, "null"},
+           {5, "null"},  // read again as "http://http://a.example:80x": host "http"
+           {10, "scheme='http' reg_name='a.example:80x' port=80"},  // the host of the server attempt
+           {14, "scheme='http' port=80"},
+       }},
+      {"server", URI_GetServer, "http://u@h.example:8/p?q#f", "scheme='http' host='h.example' userinfo='u' port=8",
+       {
+           {40, "null"},
+           {5, "host='h.example' userinfo='u' port=8"},
+           {3, "scheme='http' host='h.example' port=8"},
+           {10, "scheme='http' userinfo='u' port=8"},
+       }},
+      {"server behind the default prefix", URI_GetServer, "u@h.example",
+       "scheme='http' host='h.example' userinfo='u'",
+       {
+           {40, "null"},
+           {2, "scheme='http' host='h.example' userinfo='u'"},  // "u", dropped anyway
+           {19, "null"},                                        // the prefixed copy
+           {40, "null"},
+           {5, "host='h.example' userinfo='u'"},
+           {3, "scheme='http' host='h.example'"},
+           {10, "scheme='http' userinfo='u'"},
+       }},
+  };
+}
+
+TEST(UriMemory, EachRefusedAllocation) {
+  for (const Scenario& s : Scenarios()) {
+    SCOPED_TRACE(s.name);
+    const uint32_t live = vrk::test::LiveBlocks();
+
+    // The run without failures: its requests, in order and exact sizes.
+    vrkalloc_log_enable(1);
+    URI_Record* r = s.function(s.input);
+    vrkalloc_log_enable(0);
+    EXPECT_EQ(Describe(r), s.result);
+    URI_Free(r);
+    std::vector<uint32_t> requested;
+    for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) {
+      const VrkAllocCall& call = *vrkalloc_log_at(i);
+      if (call.op != VRKALLOC_PFREE) requested.push_back(BytesOf(call));
+    }
+    ASSERT_EQ(requested.size(), s.steps.size());
+
+    for (size_t n = 0; n < s.steps.size(); ++n) {
+      SCOPED_TRACE("request " + std::to_string(n + 1));
+      EXPECT_EQ(requested[n], s.steps[n].bytes);
+      vrkalloc_fail_nth(uint32_t(n + 1));
+      r = s.function(s.input);
+      vrkalloc_fail_nth(0);
+      EXPECT_EQ(Describe(r), s.steps[n].on_refusal);
+      URI_Free(r);
+      EXPECT_EQ(vrk::test::LiveBlocks(), live);
+    }
+  }
+}
+
+// Every text block holds exactly its component and terminator, the userinfo
+// one byte more (it is decoded with its "@"); URI_Free releases the texts
+// and then the record.
+TEST(UriMemory, BlocksAreExactlySized) {
+  const char* const kInputs[] = {
+      "http://user:pw@host.example:8080/a/b;p?x=1#top", "urn:isbn:0451450523", "http://a.example:80x",
+      "host.example/a?q#", "file:///", "//h.example:1/",
+  };
+  for (const char* input : kInputs) {
+    SCOPED_TRACE(input);
+    vrkalloc_log_enable(1);
+    URI_Record* r = URI_Parse(input);
+    ASSERT_NE(r, nullptr);
+    std::vector<VrkAllocCall> calls;
+    for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) calls.push_back(*vrkalloc_log_at(i));
+
+    // The size each text of the record was allocated with.
+    uint32_t texts = 0;
+    for (char* URI_Record::*field : {&URI_Record::scheme, &URI_Record::opaque, &URI_Record::reg_name,
+                                     &URI_Record::host, &URI_Record::userinfo, &URI_Record::path,
+                                     &URI_Record::query, &URI_Record::fragment}) {
+      const char* text = r->*field;
+      if (!text) continue;
+      ++texts;
+      auto made = std::find_if(calls.rbegin(), calls.rend(), [&](const VrkAllocCall& c) { return c.result == text; });
+      ASSERT_NE(made, calls.rend()) << text;
+      EXPECT_EQ(made->op, VRKALLOC_PMALLOC) << text;
+      EXPECT_EQ(made->a, std::strlen(text) + (field == &URI_Record::userinfo ? 2 : 1)) << text;
+    }
+    EXPECT_EQ(calls[0].op, VRKALLOC_PCALLOC);
+    EXPECT_EQ(calls[0].a, 1u);
+    EXPECT_EQ(calls[0].b, sizeof(URI_Record));
+
+    const uint32_t before_free = vrkalloc_log_size();
+    URI_Free(r);
+    ASSERT_EQ(vrkalloc_log_size() - before_free, texts + 1);
+    for (uint32_t i = before_free; i < vrkalloc_log_size(); ++i) EXPECT_EQ(vrkalloc_log_at(i)->op, VRKALLOC_PFREE);
+    EXPECT_EQ(vrkalloc_log_at(vrkalloc_log_size() - 1)->block, r);
+    vrkalloc_log_enable(0);
+  }
+}
+
+// An escaped span is sized by its raw length, not by what it decodes to.
+TEST(UriMemory, EscapedSpansSizeTheirBlocks) {
+  vrkalloc_log_enable(1);
+  URI_Record* r = URI_Parse("http://%41b@h.example/%41%42/?%43#%44%00x");
+  std::vector<uint32_t> sizes;
+  for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) sizes.push_back(BytesOf(*vrkalloc_log_at(i)));
+  vrkalloc_log_enable(0);
+  EXPECT_EQ(Describe(r), "scheme='http' host='h.example' userinfo='Ab' path='/AB/' query='C' fragment='D'");
+  URI_Free(r);
+  EXPECT_EQ(sizes, (std::vector<uint32_t>{40, 5, 6, 10, 9, 4, 8}));
+}
+
+TEST(UriMemory, NothingWhenEveryAllocationIsRefused) {
+  vrkalloc_fail_all(1);
+  EXPECT_EQ(URI_Parse("http://host.example/"), nullptr);
+  EXPECT_EQ(URI_GetServer("http://host.example/"), nullptr);
+  EXPECT_EQ(URI_Parse(""), nullptr);
+  vrkalloc_fail_all(0);
+}
+
+TEST(UriMemory, EveryAllocationRefusedInTurn) {
+  // Broader than the scenarios above: no leak, no crash, whatever is refused.
+  const char* const kInputs[] = {
+      "http://u:p@h.example:80/a/b;c?d#e", "h.example/a/b", "//h.example/x?y#z", "u@h.example:1",
+      "mailto:a@b.example", "http://1.2.3.4.5/", "http://u@a..b/x", "a/b/c?x", "10.0.0.1/",
+  };
+  const uint32_t live = vrk::test::LiveBlocks();
+  for (const char* input : kInputs) {
+    for (Function f : {URI_Parse, URI_GetServer}) {
+      const uint32_t before = vrkalloc_requests();
+      URI_Free(f(input));
+      const uint32_t count = vrkalloc_requests() - before;
+      for (uint32_t n = 1; n <= count; ++n) {
+        vrkalloc_fail_nth(n);
+        URI_Free(f(input));
+        vrkalloc_fail_nth(0);
+        ASSERT_EQ(vrk::test::LiveBlocks(), live) << input << " request " << n;
+      }
+    }
+  }
+}
+
+}  // namespace

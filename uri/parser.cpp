@@ -1,0 +1,163 @@
+// URI references: the grammar above the component scanners, and URI_Parse
+// with its second reading behind the default "http://" prefix.
+#include "uri/char_class.h"
+#include "uri/uri_internal.h"
+#include "vrkalloc.h"
+
+namespace vrk::uri {
+
+namespace {
+
+bool StartsWithTwo(const char* p, char c) { return p[0] == c && p[1] == c; }
+
+}  // namespace
+
+uint32_t URI_IsNoBreakSpace(const char* position) {
+  const auto* p = reinterpret_cast<const uint8_t*>(position);
+  if (p[0] == 0xC2 && p[1] == 0xA0) return 2;                 // U+00A0 NO-BREAK SPACE
+  if (p[0] == 0xE2 && p[1] == 0x80 && p[2] == 0xAF) return 3;  // U+202F NARROW NO-BREAK SPACE
+  if (p[0] == 0xEF && p[1] == 0xBB && p[2] == 0xBF) return 3;  // U+FEFF ZERO WIDTH NO-BREAK SPACE
+  return 0;
+}
+
+// absoluteURI = scheme ":" ( hier_part | opaque_part )
+int URI_ParseAbsolute(URI_Record* record, const char** cursor) {
+  const char* p = *cursor;
+  if (int rc = URI_ScanScheme(record, &p); rc != code::kOk) return rc;
+  if (*p != ':') return code::kNotAbsolute;
+  ++p;
+  const int rc = (*p == '/' || *p == '\\') ? URI_ParseHierPart(record, &p) : URI_ScanOpaquePart(record, &p);
+  if (rc == code::kOk) *cursor = p;
+  return rc;
+}
+
+// hier_part = ( net_path | abs_path ) [ "?" query ]
+// net_path  = "//" authority [ abs_path ]
+// abs_path  = "/" path_segments
+// Two backslashes stand for "//" here, as senders on Windows write them; a
+// backslash after the authority is not taken as the start of a path.
+int URI_ParseHierPart(URI_Record* record, const char** cursor) {
+  const char* p = *cursor;
+  int rc = code::kOk;
+  if (StartsWithTwo(p, '/') || StartsWithTwo(p, '\\')) {
+    p += 2;
+    if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
+    if (*p == '/') {
+      ++p;
+      rc = URI_ScanPathSegments(record, &p);
+    }
+  } else if (*p == '/') {
+    ++p;
+    rc = URI_ScanPathSegments(record, &p);
+  } else {
+    return code::kLoneBackslash;
+  }
+  if (rc != code::kOk) return rc;
+  if (*p == '?') {
+    ++p;
+    (void)URI_ScanQuery(record, &p);
+  }
+  *cursor = p;
+  return code::kOk;
+}
+
+// relativeURI = ( net_path | abs_path | rel_path ) [ "?" query ]
+// rel_path    = rel_segment [ abs_path ]
+// Only "//" starts a network path here; a reference that is only a query or
+// a fragment has no path at all. Like the productions above, the cursor
+// moves only when the whole production matched.
+int URI_ParseRelative(URI_Record* record, const char** cursor) {
+  const char* p = *cursor;
+  int rc = code::kOk;
+  if (StartsWithTwo(p, '/')) {
+    p += 2;
+    if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
+    if (*p == '/') {
+      ++p;
+      rc = URI_ScanPathSegments(record, &p);
+    }
+  } else if (*p == '/') {
+    ++p;
+    rc = URI_ScanPathSegments(record, &p);
+  } else if (*p != '#' && *p != '?') {
+    if (int seg = URI_ScanRelSegment(record, &p); seg != code::kOk) return seg;
+    if (*p == '/') {
+      ++p;
+      rc = URI_ScanPathSegments(record, &p);
+    }
+  }
+  if (rc != code::kOk) return code::kFailed;
+  if (*p == '?') {
+    ++p;
+    (void)URI_ScanQuery(record, &p);
+  }
+  *cursor = p;
+  return code::kOk;
+}
+
+// URI-reference = [ absoluteURI | relativeURI ] [ "#" fragment ]
+// followed only by white space. The absolute reading wins whenever it
+// matches, even if the text then fails on what follows it.
+int URI_ParseReference(URI_Record* record, const char* text) {
+  if (!text) return code::kFailed;
+  URI_ClearRecord(record);
+  const char* cursor = text;
+  if (URI_ParseAbsolute(record, &cursor) != code::kOk) {
+    URI_ClearRecord(record);
+    cursor = text;
+    if (int rc = URI_ParseRelative(record, &cursor); rc != code::kOk) {
+      URI_ClearRecord(record);
+      return rc;
+    }
+  }
+  if (*cursor == '#') {
+    ++cursor;
+    (void)URI_ScanFragment(record, &cursor);
+  }
+  // References copied out of documents and mail often carry trailing blanks,
+  // line ends or no-break spaces; nothing else may follow.
+  for (;;) {
+    const char c = *cursor;
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+      ++cursor;
+    } else if (uint32_t n = URI_IsNoBreakSpace(cursor)) {
+      cursor += n;
+    } else if (c == '\0') {
+      return code::kOk;
+    } else {
+      URI_ClearRecord(record);
+      return code::kNotAbsolute;
+    }
+  }
+}
+
+URI_Record* URI_Parse(const char* text) {
+  if (!text) return nullptr;
+  URI_Record* record = URI_NewRecord();
+  if (!record) return nullptr;
+  if (*text == '\0') return record;
+  if (URI_ParseReference(record, text) != code::kOk) {
+    uri::URI_Free(record);
+    return nullptr;
+  }
+  if (record->scheme) return record;
+
+  // No scheme: read the text again as "http://" + text, so that a bare
+  // "host.example/a" names a web server. Without the room for that copy the
+  // first reading stands.
+  char* prefixed = WithDefaultPrefix(text);
+  if (!prefixed) return record;
+  if (URI_ParseReference(record, prefixed) != code::kOk) {
+    uri::URI_Free(record);
+    record = nullptr;
+  } else if (record->host && !HasInnerDot(record->host)) {
+    // Only a dotted host makes the guess credible: "localhost/a" or a single
+    // word was most likely not meant as a server.
+    uri::URI_Free(record);
+    record = nullptr;
+  }
+  Pfree(prefixed);
+  return record;
+}
+
+}  // namespace vrk::uri
