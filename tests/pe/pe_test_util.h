@@ -3,8 +3,9 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -18,8 +19,7 @@ namespace vrk::test {
 // A virtual file over a byte vector (which must outlive it).
 class VFile {
  public:
-  VFile(std::vector<uint8_t>& bytes, int mode)
-      : handle_(vrkvfile_open_memory(bytes.data(), uint32_t(bytes.size()), mode)) {}
+  VFile(std::vector<uint8_t>& bytes, int mode) : handle_(vrkvfile_open_memory(bytes.data(), uint32_t(bytes.size()), mode)) {}
   ~VFile() {
     if (handle_) vrkvfile_close(handle_);
   }
@@ -32,22 +32,16 @@ class VFile {
 };
 
 inline std::vector<uint8_t> ReadWholeFile(const std::string& path) {
-  std::vector<uint8_t> out;
-  if (FILE* f = std::fopen(path.c_str(), "rb")) {
-    uint8_t buf[65536];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.insert(out.end(), buf, buf + n);
-    std::fclose(f);
-  }
-  return out;
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Native modules served to the loader: name -> (export name -> address).
-// Every callback is recorded in order.
+// Native modules served to the loader: name -> (export name or "#ordinal" ->
+// address). Every callback is recorded in order.
 struct Natives {
   std::map<std::string, std::map<std::string, uint32_t>> modules;
   std::vector<std::string> loads, frees, lookups;
-  int live = 0;  // handles given out and not yet freed
+  int live = 0;                    // handles given out and not yet freed
   bool accept_everything = false;  // any module, any export (a dummy address)
 
   static Natives& Get() {
@@ -72,14 +66,13 @@ struct Natives {
   static uint32_t GetProc(void* handle, const char* key) {
     Natives& n = Get();
     const auto& name = *static_cast<std::string*>(handle);
-    const bool ordinal = reinterpret_cast<uintptr_t>(key) <= 0xFFFF;
-    const std::string k = ordinal ? "#" + std::to_string(reinterpret_cast<uintptr_t>(key)) : std::string(key);
+    const uintptr_t ordinal = reinterpret_cast<uintptr_t>(key);
+    const std::string k = ordinal <= 0xFFFF ? "#" + std::to_string(ordinal) : std::string(key);
     n.lookups.push_back(name + "!" + k);
     if (n.accept_everything) return 0x1000;
     auto m = n.modules.find(name);
-    if (m == n.modules.end()) return 0;
-    auto e = m->second.find(k);
-    return e == m->second.end() ? 0 : e->second;
+    if (m == n.modules.end() || !m->second.count(k)) return 0;
+    return m->second.at(k);
   }
 };
 
@@ -87,7 +80,19 @@ inline MODLOAD_PROCESS* NewProcess(VFileHandle first = nullptr) {
   return MODLOAD_CreateProcess(first, Natives::Load, Natives::Free, Natives::GetProc);
 }
 
+// A process record with one PE module loaded from `bytes` (null when
+// refused), torn down at the end of the scope.
+struct Loaded {
+  VFile file;
+  MODLOAD_PROCESS* p = NewProcess();
+  PELOAD_MODULE* m;
+  Loaded(std::vector<uint8_t>& bytes, int mode = VRKVFILE_COPY) : file(bytes, mode), m(PELOAD_LoadLibraryEx(file.get(), p, 1)) {}
+  ~Loaded() { MODLOAD_TerminateProcess(p); }
+};
+
 inline const PELOAD_IMAGE* ImageOf(const PELOAD_MODULE* m) { return static_cast<const PELOAD_IMAGE*>(m->handle); }
+inline uint32_t Base(const PELOAD_MODULE* m) { return uint32_t(reinterpret_cast<uintptr_t>(ImageOf(m)->image)); }
+inline const char* Ordinal(uint32_t n) { return reinterpret_cast<const char*>(uintptr_t(n)); }
 
 inline uint32_t Read32(const uint8_t* p) {
   uint32_t v;
