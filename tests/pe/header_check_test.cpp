@@ -14,12 +14,13 @@ namespace {
 constexpr uint32_t kProtect = PE_STATUS_INVALID_IMAGE_PROTECT;
 constexpr uint32_t kFormat = PE_STATUS_INVALID_IMAGE_FORMAT;
 
-// The writer's sound headers over three sections following one another; the
-// last has VirtualSize 0, so its raw size is its extent.
+// The writer's sound headers over four sections following one another:
+// 5,000 raw bytes under a larger virtual size; raw data past the virtual size;
+// VirtualSize 0, so the raw size is the extent; raw past a last virtual size.
 struct Headers : PeWriter {
   Headers() {
-    Sections({{0x1000, 0x800, 0x400, 0x800}, {0x2000, 0x1234, 0xC00, 0x1400}, {0x4000, 0, 0x2000, 0x200}});
-    nt.OptionalHeader.SizeOfImage = 0x5000;
+    Sections({{0x1000, 6000, 0x400, 5000}, {0x3000, 0x1234, 0x1800, 0x1400}, {0x5000, 0, 0x2C00, 0x200}, {0x6000, 0x100, 0x2E00, 0x200}});
+    nt.OptionalHeader.SizeOfImage = 0x7000;
   }
   // (VirtualAddress, VirtualSize, PointerToRawData, SizeOfRawData) of each.
   void Sections(const std::vector<std::array<uint32_t, 4>>& list) {
@@ -62,21 +63,21 @@ TEST(PeVerify, ChecksInOrder) {
       {"wrong machine", [](Headers& h) { h.nt.FileHeader.Machine = 0x8664; }, kFormat},
       {"base not 64 KiB aligned", [](Headers& h) { h.nt.OptionalHeader.ImageBase = 0x10001000; }, kFormat},
       {"SizeOfHeaders 0", [](Headers& h) { h.nt.OptionalHeader.SizeOfHeaders = 0; }, kFormat},
-      {"SizeOfHeaders = SizeOfImage", [](Headers& h) { h.nt.OptionalHeader.SizeOfHeaders = 0x5000; }, kFormat},
+      {"SizeOfHeaders = SizeOfImage", [](Headers& h) { h.nt.OptionalHeader.SizeOfHeaders = 0x7000; }, kFormat},
       {"section alignment 0", [](Headers& h) { h.nt.OptionalHeader.SectionAlignment = 0; }, kFormat},
       {"section alignment 1", [](Headers& h) { h.nt.OptionalHeader.SectionAlignment = 1; h.nt.OptionalHeader.FileAlignment = 1; }, kFormat},
       {"equal alignments of 0x100", [](Headers& h) {
          h.nt.OptionalHeader.SectionAlignment = h.nt.OptionalHeader.FileAlignment = 0x100;
          h.Sections({{0x400, 0x100, 0x400, 0x100}});
        }, 0},
-      {"gap between sections", [](Headers& h) { h.sections[2].VirtualAddress = 0x5000; }, kFormat},
+      {"gap between sections", [](Headers& h) { h.sections[3].VirtualAddress = 0x7000; }, kFormat},
       {"overlapping sections", [](Headers& h) { h.sections[1].VirtualAddress = 0x1800; }, kFormat},
       {"empty section", [](Headers& h) { h.sections[1].VirtualSize = 0; h.sections[1].SizeOfRawData = 0; }, kFormat},
       {"raw end wraps", [](Headers& h) { h.sections[0].PointerToRawData = 0xFFFFFF00; }, kFormat},
       {"raw end rounding wraps", [](Headers& h) { h.sections[0].PointerToRawData = 0xFFFFF000; h.sections[0].SizeOfRawData = 0xF01; }, kFormat},
-      {"next section address wraps", [](Headers& h) { h.sections[2].VirtualSize = 0xFFFFF000; }, kFormat},
+      {"next section address wraps", [](Headers& h) { h.sections[3].VirtualSize = 0xFFFFF000; }, kFormat},
       {"no sections", [](Headers& h) { h.Sections({}); }, 0},
-      {"last section past SizeOfImage is not checked", [](Headers& h) { h.sections[2].VirtualSize = 0x10000; }, 0},
+      {"last section past SizeOfImage is not checked", [](Headers& h) { h.sections[3].VirtualSize = 0x10000; }, 0},
   };
   for (const Case& c : cases) {
     Headers h;
@@ -93,63 +94,58 @@ TEST(PeVerify, ChecksInOrder) {
   }
 }
 
-TEST(PeRva, PlainLookupTakesHighestIndexAndAnswersEverything) {
+// Each RVA through the four lookups. The plain ones answer everything: the
+// headers map to themselves, a gap or anything past the end goes to the last
+// section (the position may wrap). The Ex lookup gives a placement code; the
+// Ex seek gives the bytes readable there, at most 1024, and leaves the
+// position alone (0xDEAD here) when there are none.
+TEST(PeRva, LookupsOfEachRva) {
   Headers h;
   const auto* s = h.sections.data();
-  // (RVA, section, position): headers map to themselves; a gap or anything
-  // past the end goes to the last section, whose position may wrap.
-  const std::array<uint32_t, 3> cases[] = {
-      {0x0010, 0, 0x0010}, {0x1000, 0, 0x400},  {0x17FF, 0, 0xBFF},  {0x1900, 2, 0x1900u - 0x4000 + 0x2000},
-      {0x2000, 1, 0xC00},  {0x3233, 1, 0x1E33}, {0x4100, 2, 0x2100}, {0x9000, 2, 0x7000},
+  struct Case {
+    uint32_t rva, section, pos;
+    int code;
+    uint32_t index;
+    int count;
+    uint32_t ex_pos;
   };
-  for (auto [rva, section, pos] : cases) {
-    EXPECT_EQ(PE_SeccionDeRVA(s, 3, rva), section) << rva;
-    EXPECT_EQ(PE_SeekDeRVA(s, 3, rva), pos) << rva;
+  const Case cases[] = {
+      {0x03FF, 0, 0x03FF, PE_RVA_IN_HEADERS, 0, 1024, 0x03FF},
+      {0x0400, 0, 0x0400, PE_RVA_BEFORE_SECTIONS, 0, 0, 0xDEAD},
+      {0x1000, 0, 0x0400, PE_RVA_IN_SECTION, 0, 1024, 0x0400},
+      {0x1000 + 4999, 0, 0x0400 + 4999, PE_RVA_IN_SECTION, 0, 1, 0x0400 + 4999},  // the last raw byte
+      {0x1000 + 5000, 0, 0x0400 + 5000, PE_RVA_IN_SECTION, 0, 0, 0xDEAD},
+      {0x2800, 3, 0x2800u - 0x6000 + 0x2E00, PE_RVA_IN_GAP, 0, 0, 0xDEAD},
+      {0x4233, 1, 0x2A33, PE_RVA_IN_SECTION, 1, 0x1CD, 0x2A33},
+      {0x4234, 1, 0x2A34, PE_RVA_IN_GAP, 1, 0, 0xDEAD},  // raw data past the virtual size counts for the plain ones only
+      {0x51FF, 2, 0x2DFF, PE_RVA_IN_SECTION, 2, 1, 0x2DFF},
+      {0x5200, 3, 0x2000, PE_RVA_IN_GAP, 2, 0, 0xDEAD},
+      {0x6100, 3, 0x2F00, PE_RVA_PAST_SECTIONS, 3, 0x100, 0x2F00},  // past the last virtual size, inside its raw data
+      {0x6200, 3, 0x3000, PE_RVA_PAST_SECTIONS, 3, 0, 0xDEAD},
+      {0x9000, 3, 0x5E00, PE_RVA_PAST_SECTIONS, 3, 0, 0xDEAD},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.rva);
+    EXPECT_EQ(PE_SeccionDeRVA(s, 4, c.rva), c.section);
+    EXPECT_EQ(PE_SeekDeRVA(s, 4, c.rva), c.pos);
+    uint32_t index = 77, pos = 0xDEAD;
+    EXPECT_EQ(PE_SeccionDeRVAEx(s, &h.nt, c.rva, &index), c.code);
+    EXPECT_EQ(index, c.index);
+    EXPECT_EQ(PE_SeekDeRVAEx(s, &h.nt, c.rva, &pos), c.count);
+    EXPECT_EQ(pos, c.ex_pos);
   }
-  EXPECT_EQ(PE_SeccionDeRVA(nullptr, 3, 0x1000), 0u);
+  // No table.
+  uint32_t index = 77;
+  EXPECT_EQ(PE_SeccionDeRVA(nullptr, 4, 0x1000), 0u);
   EXPECT_EQ(PE_SeccionDeRVA(s, 0, 0x2000), 0u);
   EXPECT_EQ(PE_SeekDeRVA(s, 0, 0x2000), 0x2000u);
-  // Overlap: the plain lookup takes the higher index, the Ex lookup the first.
-  h.sections[1].VirtualAddress = 0x1400;
-  EXPECT_EQ(PE_SeccionDeRVA(s, 3, 0x1500), 1u);
-  uint32_t index = 99;
-  EXPECT_EQ(PE_SeccionDeRVAEx(s, &h.nt, 0x1500, &index), PE_RVA_IN_SECTION);
-  EXPECT_EQ(index, 0u);
-}
-
-TEST(PeRva, ExLookupPlacementCodes) {
-  Headers h;
-  const std::array<uint32_t, 3> cases[] = {  // (RVA, code, index)
-      {0x0000, PE_RVA_IN_HEADERS, 0}, {0x03FF, PE_RVA_IN_HEADERS, 0}, {0x0400, PE_RVA_BEFORE_SECTIONS, 0},
-      {0x1000, PE_RVA_IN_SECTION, 0}, {0x1800, PE_RVA_IN_GAP, 0},     {0x2000, PE_RVA_IN_SECTION, 1},
-      {0x3233, PE_RVA_IN_SECTION, 1}, {0x3234, PE_RVA_IN_GAP, 1},     {0x41FF, PE_RVA_IN_SECTION, 2},
-      {0x4200, PE_RVA_PAST_SECTIONS, 2},
-  };
-  for (auto [rva, code, expected] : cases) {
-    uint32_t index = 77;
-    EXPECT_EQ(uint32_t(PE_SeccionDeRVAEx(h.sections.data(), &h.nt, rva, &index)), code) << rva;
-    EXPECT_EQ(index, expected) << rva;
-  }
-  uint32_t index = 77;
   EXPECT_EQ(PE_SeccionDeRVAEx(nullptr, &h.nt, 0x1000, &index), PE_RVA_BEFORE_SECTIONS);
   EXPECT_EQ(index, 0u);
-}
-
-TEST(PeRva, ExSeekCountsReadableBytes) {
-  Headers h;
-  h.Sections({{0x1000, 6000, 0x400, 5000}, {0x3000, 0x100, 0x1800, 0x200}});
-  // (RVA, count, position); the headers give 1024 whatever SizeOfHeaders says.
-  const std::array<uint32_t, 3> cases[] = {
-      {0x0010, 1024, 0x0010},     {0x1000, 1024, 0x400}, {0x1000 + 4999, 1, 0x400 + 4999},  // last raw byte
-      {0x1000 + 5000, 0, 0xDEAD}, {0x2800, 0, 0xDEAD},   {0x0500, 0, 0xDEAD},  // past the raw data, gap, before
-      {0x3100, 0x100, 0x1900},  // past the last section's virtual end, inside its raw data
-      {0x3200, 0, 0xDEAD},
-  };
-  for (auto [rva, count, expected] : cases) {
-    uint32_t pos = 0xDEAD;
-    EXPECT_EQ(uint32_t(PE_SeekDeRVAEx(h.sections.data(), &h.nt, rva, &pos)), count) << rva;
-    EXPECT_EQ(pos, expected) << rva;
-  }
+  // Overlap: the plain lookup takes the highest index, the Ex lookup the lowest.
+  h.sections[1].VirtualAddress = 0x1400;
+  EXPECT_EQ(PE_SeccionDeRVA(s, 4, 0x1500), 1u);
+  EXPECT_EQ(PE_SeccionDeRVAEx(s, &h.nt, 0x1500, &index), PE_RVA_IN_SECTION);
+  EXPECT_EQ(index, 0u);
 }
 
 }  // namespace

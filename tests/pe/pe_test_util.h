@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,18 +18,9 @@
 namespace vrk::test {
 
 // A virtual file over a byte vector (which must outlive it).
-class VFile {
- public:
-  VFile(std::vector<uint8_t>& bytes, int mode) : handle_(vrkvfile_open_memory(bytes.data(), uint32_t(bytes.size()), mode)) {}
-  ~VFile() {
-    if (handle_) vrkvfile_close(handle_);
-  }
-  VFile(const VFile&) = delete;
-  VFile& operator=(const VFile&) = delete;
-  VFileHandle get() const { return handle_; }
-
- private:
-  VFileHandle handle_;
+struct VFile : std::unique_ptr<void, void (*)(VFileHandle)> {
+  VFile(std::vector<uint8_t>& bytes, int mode)
+      : unique_ptr(vrkvfile_open_memory(bytes.data(), uint32_t(bytes.size()), mode), vrkvfile_close) {}
 };
 
 inline std::vector<uint8_t> ReadWholeFile(const std::string& path) {
@@ -51,28 +43,24 @@ struct Natives {
   static void Reset() { Get() = Natives(); }
 
   static void* Load(const char* name, uint32_t, uint32_t) {
-    Natives& n = Get();
-    n.loads.push_back(name);
-    if (!n.accept_everything && !n.modules.count(name)) return nullptr;
-    ++n.live;
+    Get().loads.push_back(name);
+    if (!Get().accept_everything && !Get().modules.count(name)) return nullptr;
+    ++Get().live;
     return new std::string(name);
   }
   static void Free(void* handle) {
-    auto* name = static_cast<std::string*>(handle);
+    std::unique_ptr<std::string> name(static_cast<std::string*>(handle));
     Get().frees.push_back(*name);
     --Get().live;
-    delete name;
   }
   static uint32_t GetProc(void* handle, const char* key) {
-    Natives& n = Get();
-    const auto& name = *static_cast<std::string*>(handle);
+    const std::string& name = *static_cast<std::string*>(handle);
     const uintptr_t ordinal = reinterpret_cast<uintptr_t>(key);
-    const std::string k = ordinal <= 0xFFFF ? "#" + std::to_string(ordinal) : std::string(key);
-    n.lookups.push_back(name + "!" + k);
-    if (n.accept_everything) return 0x1000;
-    auto m = n.modules.find(name);
-    if (m == n.modules.end() || !m->second.count(k)) return 0;
-    return m->second.at(k);
+    const std::string k = ordinal <= 0xFFFF ? "#" + std::to_string(ordinal) : key;
+    Get().lookups.push_back(name + "!" + k);
+    auto m = Get().modules.find(name);
+    if (Get().accept_everything) return 0x1000;
+    return m != Get().modules.end() && m->second.count(k) ? m->second.at(k) : 0;
   }
 };
 
@@ -93,7 +81,6 @@ struct Loaded {
 inline const PELOAD_IMAGE* ImageOf(const PELOAD_MODULE* m) { return static_cast<const PELOAD_IMAGE*>(m->handle); }
 inline uint32_t Base(const PELOAD_MODULE* m) { return uint32_t(reinterpret_cast<uintptr_t>(ImageOf(m)->image)); }
 inline const char* Ordinal(uint32_t n) { return reinterpret_cast<const char*>(uintptr_t(n)); }
-
 inline uint32_t Read32(const uint8_t* p) {
   uint32_t v;
   std::memcpy(&v, p, 4);
