@@ -30,8 +30,7 @@ TEST_F(PeLoader, ExportsNamesAndCounts) {
   // only; slot 2 gets two names, the later one kept.
   w.AddExports(0x1400, "Crafted.DLL", 5, {0x1100, 0, 0x1200, 0x1300},
                {{"Alpha", 0}, {"first", 2}, {"second", 2}, {"alpha", 3}});
-  auto bytes = w.Bytes();
-  Loaded l(bytes);
+  Loaded l(w.Bytes());
   ASSERT_NE(l.m, nullptr);
   const uint32_t base = Base(l.m);
   EXPECT_EQ(l.m->kind, PELOAD_KIND_PE);
@@ -67,8 +66,7 @@ TEST_F(PeLoader, ModuleNameIsTheExportNameCutTo39) {
   const std::string long_name(45, 'n');
   PeWriter w;
   w.AddExports(0x1400, long_name, 1, {0x1100}, {});
-  auto bytes = w.Bytes();
-  Loaded l(bytes);
+  Loaded l(w.Bytes());
   ASSERT_NE(l.m, nullptr);
   EXPECT_EQ(std::string(l.m->fullName), long_name.substr(0, 39));
   EXPECT_EQ(std::string(l.m->name), long_name.substr(0, 15));
@@ -207,8 +205,7 @@ TEST_F(PeLoader, InPlaceOnlyForMemoryHeldFilesLaidOutToRun) {
     SCOPED_TRACE(characteristics + mode);
     PeWriter w = InPlaceImage(characteristics);
     const uint32_t iat = w.AddImports(0xA00, {{"native.dll", {{"g"}}}})[0];
-    auto bytes = w.Bytes();
-    Loaded l(bytes, mode);
+    Loaded l(w.Bytes(), mode);
     ASSERT_NE(l.m, nullptr);
     // The probe: one VReadPtr of one byte at position 0, then a seek back to
     // just past the NT headers.
@@ -226,11 +223,11 @@ TEST_F(PeLoader, InPlaceOnlyForMemoryHeldFilesLaidOutToRun) {
     EXPECT_EQ(probes, 1u);
     const PELOAD_IMAGE* image = ImageOf(l.m);
     EXPECT_EQ(image->inPlace, in_place ? 1 : 0);
-    EXPECT_EQ(image->image == bytes.data(), in_place);
+    EXPECT_EQ(image->image == l.bytes.data(), in_place);
     EXPECT_EQ(vrkalloc_live(VRKALLOC_FAMILY_X), in_place ? 0u : 1u);
     EXPECT_EQ(Read32(image->image + 0x300), 0x10000300u);  // no relocation in either case
     EXPECT_EQ(Read32(image->image + iat), 0xCAFE0000u);   // bound in the image: the file's memory in place
-    EXPECT_EQ(Read32(bytes.data() + iat) == 0xCAFE0000u, in_place);
+    EXPECT_EQ(Read32(l.bytes.data() + iat) == 0xCAFE0000u, in_place);
     char name[16];
     EXPECT_EQ(PELOAD_GetDllNameH(l.file.get(), name, sizeof name), 1);
     EXPECT_STREQ(name, "inplace.dll");
@@ -243,13 +240,13 @@ TEST_F(PeLoader, FailedBindingFailsTheLoadButKeepsSlotsAndReferences) {
   Natives::Get().modules["good.dll"]["g"] = 0xCAFE0000;
   PeWriter w = InPlaceImage(0x40000040);
   const auto iats = w.AddImports(0xA00, {{"good.dll", {{"g"}}}, {"missing.dll", {{"h"}}}});
-  auto bytes = w.Bytes();
   {
-    Loaded l(bytes, VRKVFILE_IN_MEMORY);
+    Loaded l(w.Bytes(), VRKVFILE_IN_MEMORY);
     EXPECT_EQ(l.m, nullptr);
+    EXPECT_EQ(Natives::Get().loads, (Strings{"good.dll", "missing.dll"}));  // imported names go to the callback
     // The first import was bound (in the file's memory) and keeps its
     // reference; nothing of the failed module is listed.
-    EXPECT_EQ(Read32(bytes.data() + iats[0]), 0xCAFE0000u);
+    EXPECT_EQ(Read32(l.bytes.data() + iats[0]), 0xCAFE0000u);
     ASSERT_NE(l.p->modules, nullptr);
     EXPECT_STREQ(l.p->modules->fullName, "good.dll");
     EXPECT_EQ(l.p->modules->next, nullptr);
@@ -265,8 +262,7 @@ TEST_F(PeLoader, OrdinalImportsUpTo0xFFFF) {
     Natives::Get().lookups.clear();
     PeWriter w;
     const uint32_t iat = w.AddImports(0x1400, {{"n.dll", {{"", thunk}}}})[0];
-    auto bytes = w.Bytes();
-    Loaded l(bytes);
+    Loaded l(w.Bytes());
     const uint32_t bound = thunk == 0x80000007u ? 0x7777 : thunk == 0x8000FFFFu ? 0xFFFF0 : 0;
     ASSERT_EQ(l.m != nullptr, bound != 0);
     EXPECT_TRUE(!bound || Read32(ImageOf(l.m)->image + iat) == bound);
@@ -293,8 +289,7 @@ TEST_F(PeLoader, EntryPointDecidesAndIsCalledOnlyWhenAsked) {
     PeWriter w;
     w.SetEntryCode(0x1100, c.code);
     c.change(w);
-    auto bytes = w.Bytes();
-    Loaded l(bytes);
+    Loaded l(w.Bytes());
     EXPECT_EQ(l.m != nullptr, c.loads) << c.what;
     EXPECT_EQ(vrkalloc_live(VRKALLOC_FAMILY_X), c.loads ? 1u : 0u) << c.what;
   }

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/leak_check.h"
@@ -68,13 +69,15 @@ inline MODLOAD_PROCESS* NewProcess(VFileHandle first = nullptr) {
   return MODLOAD_CreateProcess(first, Natives::Load, Natives::Free, Natives::GetProc);
 }
 
-// A process record with one PE module loaded from `bytes` (null when
-// refused), torn down at the end of the scope.
+// A process record with one PE module loaded from its own copy of `bytes`
+// (null when refused), torn down at the end of the scope.
 struct Loaded {
+  std::vector<uint8_t> bytes;
   VFile file;
   MODLOAD_PROCESS* p = NewProcess();
   PELOAD_MODULE* m;
-  Loaded(std::vector<uint8_t>& bytes, int mode = VRKVFILE_COPY) : file(bytes, mode), m(PELOAD_LoadLibraryEx(file.get(), p, 1)) {}
+  explicit Loaded(std::vector<uint8_t> image, int mode = VRKVFILE_COPY)
+      : bytes(std::move(image)), file(bytes, mode), m(PELOAD_LoadLibraryEx(file.get(), p, 1)) {}
   ~Loaded() { MODLOAD_TerminateProcess(p); }
 };
 
