@@ -1,14 +1,14 @@
-/* A stand-in of the analysis module "qel.dll", built once per behaviour
- * into folders of its own. Every entry point appends a line to the file
- * named by QEL_DOUBLE_LOG, so that calls survive the module being closed.
- *   QEL_DOUBLE_INFO          information word written by QELGetInfoString
- *                            (default 3; "none" writes nothing)
- *   QEL_DOUBLE_BUSCA_RESULT  what QELBuscaTbl returns (default 0)
- * Build options: QEL_DOUBLE_OMIT_FREEBUSCA leaves QELFreeBuscaTbl out;
- * QEL_DOUBLE_INIT_RESULT is what QELInitBoard returns (default 0).
- * QELBuscaTbl gives a real answer: it searches the registry it was last
- * handed with the same rules as the library (bucket counts in place of the
- * bitmap), reporting pattern numbers with the position in the upper bits. */
+// A stand-in of the analysis module "qel.dll", built once per behaviour
+// into folders of its own. Every entry point appends a line to the file
+// named by QEL_DOUBLE_LOG, so that calls survive the module being closed.
+//   QEL_DOUBLE_INFO          information word written by QELGetInfoString
+//                            (default 3; "none" writes nothing)
+//   QEL_DOUBLE_BUSCA_RESULT  what QELBuscaTbl returns (default 0)
+// Build options: QEL_DOUBLE_OMIT_FREEBUSCA leaves QELFreeBuscaTbl out;
+// QEL_DOUBLE_INIT_RESULT is what QELInitBoard returns (default 0).
+// QELBuscaTbl gives a real answer: it searches the registry it was last
+// handed with the same rules as the library (bucket counts in place of the
+// bitmap), reporting pattern numbers with the position in the upper bits.
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -49,8 +49,8 @@ void QELLoadPatterns(SEARCH_BuscaTblSlot *slots, int count) {
     if (s->table || s->count || s->index || s->patterns)
       Log("slot %d: table %u count %u index %p patterns %p", i, s->table, s->count, s->index, (const void *)s->patterns);
   }
-  /* A snapshot: a registration that is not followed by a new hand-over
-   * leaves this module searching the old tables. */
+  // A snapshot: a registration that is not followed by a new hand-over
+  // leaves this module searching the old tables.
   memcpy(g_slots, slots, sizeof g_slots);
 }
 
@@ -75,7 +75,7 @@ int QELBuscaTbl(const unsigned char *data, int length, int positions, unsigned i
   for (int p = 0; s->index && p < positions; ++p) {
     for (int rule = 0; rule < 2; ++rule) {
       const unsigned key = data[p] | (rule == 0 ? data[p + 1] : 0xDDu) << 8;
-      uint16_t entry[2]; /* count, first */
+      uint16_t entry[2];  // count, first
       memcpy(entry, (const unsigned char *)s->index + 4 * key, sizeof entry);
       for (unsigned i = entry[0]; i-- > 0;) {
         const unsigned char *pattern = s->patterns[entry[1] + i];
@@ -91,8 +91,7 @@ int QELBuscaTbl(const unsigned char *data, int length, int positions, unsigned i
   }
   *hits = out;
   *hitcount = n;
-  const char *result = getenv("QEL_DOUBLE_BUSCA_RESULT");
-  return result ? atoi(result) : 0;
+  return getenv("QEL_DOUBLE_BUSCA_RESULT") ? atoi(getenv("QEL_DOUBLE_BUSCA_RESULT")) : 0;
 }
 
 #ifndef QEL_DOUBLE_OMIT_FREEBUSCA
