@@ -216,49 +216,43 @@ TEST(CrcSearch, FindsEveryEqualElement) {
   EXPECT_EQ(hits.Get(), (Hits{{2, 1}, {1, 2}}));
 }
 
-TEST(CrcHitList, GrowsBy100ThroughPrealloc) {
+// Growth by Prealloc(entries, capacity * 8 + 800), 100 entries at a time;
+// a hit the list cannot grow for is dropped and the next one retries.
+TEST(CrcHitList, GrowsBy100AndDropsWhatItCannotHold) {
   const std::vector<uint32_t> crcs(250, 7);
-  List hits;
-  vrkalloc_log_enable(1);
-  EXPECT_EQ(SEARCH_CRC(crcs.data(), 250, 3, 7, &hits.list), 250u);
-  vrkalloc_log_enable(0);
-  EXPECT_EQ(hits.list.capacity, 300u);
-  ASSERT_EQ(vrkalloc_log_size(), 3u);
-  for (uint32_t i = 0; i < 3; ++i) {
-    const VrkAllocCall* c = vrkalloc_log_at(i);
-    EXPECT_EQ(c->op, VRKALLOC_PREALLOC);
-    EXPECT_EQ(c->a, 800u * (i + 1));  // Prealloc(entries, capacity * 8 + 800)
-    EXPECT_EQ(c->block, i ? vrkalloc_log_at(i - 1)->result : nullptr);
-  }
-  for (uint32_t i = 0; i < 250; ++i) ASSERT_EQ(hits.list.entries[i].position, i);
-}
-
-TEST(CrcHitList, RefusedGrowthDropsHitsAndEachHitRetries) {
-  const std::vector<uint32_t> crcs(250, 7);
-  {
+  const struct {
+    void (*refuse)();
+    uint32_t count, capacity, missing_from, missing_to;  // positions [from, to) dropped
+  } kCases[] = {
+      {[] {}, 250, 300, 250, 250},
+      {[] { vrkalloc_fail_from(2); }, 100, 100, 100, 250},  // every growth beyond 100 entries
+      {[] { vrkalloc_fail_nth(2); }, 249, 300, 100, 101},   // only the first attempt past 100
+      {[] { vrkalloc_fail_all(1); }, 0, 0, 0, 250},         // no list at all
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.count);
     List hits;
-    vrkalloc_fail_from(2);  // every growth beyond 100 entries
-    EXPECT_EQ(SEARCH_CRC(crcs.data(), 250, 3, 7, &hits.list), 100u);
-    EXPECT_EQ(hits.list.capacity, 100u);
-    for (uint32_t i = 0; i < 100; ++i) ASSERT_EQ(hits.list.entries[i].position, i);
-    vrkalloc_reset();  // it grows again once the allocator agrees
-    EXPECT_EQ(SEARCH_CRC(crcs.data(), 1, 4, 7, &hits.list), 101u);
-    EXPECT_EQ(hits.list.capacity, 200u);
+    vrkalloc_reset();
+    vrkalloc_log_enable(1);
+    c.refuse();
+    EXPECT_EQ(SEARCH_CRC(crcs.data(), 250, 3, 7, &hits.list), c.count);
+    vrkalloc_log_enable(0);
+    EXPECT_EQ(hits.list.capacity, c.capacity);
+    for (uint32_t i = 0; i < c.count; ++i) {
+      ASSERT_EQ(hits.list.entries[i].position, i < c.missing_from ? i : i - c.missing_from + c.missing_to);
+    }
+    uint32_t capacity = 0;
+    void* block = nullptr;
+    for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) {
+      const VrkAllocCall* call = vrkalloc_log_at(i);
+      EXPECT_TRUE(call->op == VRKALLOC_PREALLOC && call->a == capacity * 8 + 800 && call->block == block) << i;
+      if (!call->refused) capacity += 100, block = call->result;
+    }
+    EXPECT_EQ(capacity, c.capacity);
+    vrkalloc_reset();  // the list grows again once the allocator agrees
+    EXPECT_EQ(SEARCH_CRC(crcs.data(), 1, 4, 7, &hits.list), c.count + 1);
+    EXPECT_EQ(hits.list.entries[c.count].column, 4u);
   }
-  {
-    List hits;
-    vrkalloc_fail_nth(2);  // only the first attempt past 100 entries
-    EXPECT_EQ(SEARCH_CRC(crcs.data(), 250, 3, 7, &hits.list), 249u);
-    EXPECT_EQ(hits.list.capacity, 300u);
-    EXPECT_EQ(hits.list.entries[99].position, 99u);
-    EXPECT_EQ(hits.list.entries[100].position, 101u);  // hit 100 was dropped
-  }
-  List hits;
-  vrkalloc_fail_all(1);  // no list at all
-  EXPECT_EQ(SEARCH_CRC(crcs.data(), 1, 3, 7, &hits.list), 0u);
-  vrkalloc_fail_all(0);
-  EXPECT_EQ(hits.list.capacity, 0u);
-  EXPECT_EQ(hits.list.entries, nullptr);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "patterns/pattern_builder.h"
@@ -12,35 +13,38 @@ namespace {
 using namespace vrk::patterns;
 using Bytes = std::vector<uint8_t>;
 
+// Key 41 42 and 300 literals: more than a head can hold.
+const std::string kLongHead = [] {
+  std::string text = "41 42";
+  for (int i = 0; i < 300; ++i) text += " 07";
+  return text;
+}();
+
 TEST(PatternBuilder, Syntax) {
-  const struct {
-    const char* text;
-    const char* formatted;  // null: refused
-  } kCases[] = {
-      {"4D 5A 90", "4D 5A 90"}, {"4d5a90", "4D 5A 90"}, {"  4D\t5A  ", "4D 5A"}, {"41{0-0}42", "41 {0-0} 42"},
-      {"41 {0-254} 42", "41 {0-254} 42"}, {"41 42 {0-7} 43 {0-1} 44", "41 42 {0-7} 43 {0-1} 44"},
-      {"41 {0-255} 42", nullptr},  // window would not fit the gap code
-      {"41 {1-3} 42", nullptr},    // no minimum gap length in the layout
-      {"41 {0-3}", nullptr}, {"{0-3} 41 42", nullptr}, {"41 {0-3} {0-2} 42", nullptr}, {"41 ?? 42", nullptr},
-      {"41 4", nullptr}, {"41", nullptr}, {"", nullptr}, {"41 {0-3 42", nullptr}, {"41 {0-x} 42", nullptr},
-      {"41 {0-99999999999} 42", nullptr},
-  };
-  for (const auto& c : kCases) {
+  const std::pair<const char*, const char*> kAccepted[] = {
+      {"4D 5A 90", "4D 5A 90"},          {"4d5a90", "4D 5A 90"},         {"  4D\t5A  ", "4D 5A"},
+      {"41{0-0}42", "41 {0-0} 42"},      {"41 {0-254} 42", "41 {0-254} 42"},
+      {"41 42 {0-7} 43 {0-1} 44", "41 42 {0-7} 43 {0-1} 44"}};
+  for (const auto& [text, formatted] : kAccepted) {
     std::vector<Element> e;
     std::string error;
-    const bool ok = ParsePattern(c.text, e, error);
-    EXPECT_EQ(ok ? FormatPattern(e) : error.empty() ? "refused without a message" : "refused",
-              c.formatted ? c.formatted : "refused")
-        << c.text;
+    EXPECT_TRUE(ParsePattern(text, e, error)) << text << ": " << error;
+    EXPECT_EQ(FormatPattern(e), formatted);
+  }
+  // {0-255}: the window would not fit the gap code; {1-3}: the layout has
+  // no minimum gap length.
+  for (const char* text : {"41 {0-255} 42", "41 {1-3} 42", "41 {0-3}", "{0-3} 41 42", "41 {0-3} {0-2} 42", "41 ?? 42",
+                           "41 4", "41", "", "41 {0-3 42", "41 {0-x} 42", "41 {0-99999999999} 42"}) {
+    std::vector<Element> e;
+    std::string error;
+    EXPECT_FALSE(ParsePattern(text, e, error)) << text;
+    EXPECT_FALSE(error.empty()) << text;
   }
 }
 
 TEST(PatternBuilder, Records) {
-  std::string long_head = "41 42";
-  for (int i = 0; i < 300; ++i) long_head += " 07";
-  Bytes spilled = {255, 0};
-  spilled.insert(spilled.end(), 300, 0x07);
-  spilled.push_back(0xDF);
+  Bytes spilled(303, 0x07);
+  spilled[0] = 255, spilled[1] = 0, spilled[302] = 0xDF;
   const struct {
     std::string text;
     uint16_t key;
@@ -58,7 +62,7 @@ TEST(PatternBuilder, Records) {
       // the record compare everything up to its end code.
       {"41 {0-3} 42", 0xDD41, {2, 0xDD, 4, 0x42, 0xDF}},
       {"41 {0-3} DF 43 {0-1} 44", 0xDD41, {6, 0xDD, 4, 0xDF, 0x43, 0xDD, 2, 0x44, 0xDF}},
-      {long_head, 0x4241, spilled},  // a head longer than 255 goes on in the program
+      {kLongHead, 0x4241, spilled},  // a head longer than 255 goes on in the program
   };
   for (const auto& c : kCases) {
     std::vector<Element> e;
@@ -72,8 +76,6 @@ TEST(PatternBuilder, Records) {
 }
 
 TEST(PatternBuilder, RefusalsNameThePattern) {
-  std::string long_head = "41 42";
-  for (int i = 0; i < 300; ++i) long_head += " 07";
   const struct {
     std::string text;
     const char* reason;  // part of the message
@@ -84,7 +86,7 @@ TEST(PatternBuilder, RefusalsNameThePattern) {
       {"41 DD 42", "gap key"},   // second byte DD
       {"41 {0-300} 42", "{0-254}"},
       {"41 {2-5} 42", "start at 0"},
-      {long_head + " DD", "{0-0} DD"},  // past the head, a code is no literal
+      {kLongHead + " DD", "{0-0} DD"},  // past the head, a code is no literal
   };
   for (const auto& c : kCases) {
     Table table;

@@ -46,8 +46,10 @@ void QELLoadPatterns(SEARCH_BuscaTblSlot *slots, int count) {
   Log("QELLoadPatterns %d", count);
   for (int i = 0; i < count && i < QEL_PATTERN_SLOTS; ++i) {
     const SEARCH_BuscaTblSlot *s = &slots[i];
-    if (s->table || s->count || s->index || s->patterns)
-      Log("slot %d: table %u count %u index %p patterns %p", i, s->table, s->count, s->index, (const void *)s->patterns);
+    if (s->table || s->count || s->index || s->patterns) {
+      Log("slot %d: table %u count %u index %p patterns %p", i, s->table, s->count, s->index,
+          (const void *)s->patterns);
+    }
   }
   // A snapshot: a registration that is not followed by a new hand-over
   // leaves this module searching the old tables.
