@@ -219,6 +219,25 @@ Bytes RandomData(std::mt19937& rng, const std::vector<std::vector<vrk::patterns:
   return data;
 }
 
+// The builder's index and bitmap describe exactly its buckets, and each
+// pattern's key and slot say where it is filed.
+void ExpectIndexDescribesBuckets(const Table& table) {
+  const SEARCH_BuscaTblDesc& d = table.desc();
+  const auto* index = static_cast<const SEARCH_BuscaTblBucket*>(d.index);
+  uint32_t total = 0;
+  for (uint32_t key = 0; key < 65536; ++key) {
+    ASSERT_EQ((d.bitmap[key >> 3] >> (key & 7)) & 1, index[key].count != 0) << key;
+    total += index[key].count;
+  }
+  ASSERT_EQ(total, table.size());
+  ASSERT_EQ(d.count, table.size());
+  for (int n = 0; n < int(table.size()); ++n) {
+    const SEARCH_BuscaTblBucket& bucket = index[table.Key(n)];
+    ASSERT_LT(uint16_t(table.Slot(n) - bucket.first), bucket.count) << n;
+    ASSERT_EQ(d.patterns[table.Slot(n)], table.Record(n).data()) << n;
+  }
+}
+
 TEST(PatternSearch, RandomTablesAgreeWithReferenceAndMeaning) {
   using vrk::test::PatternMatches;
   std::mt19937 rng(20261122);
@@ -235,7 +254,7 @@ TEST(PatternSearch, RandomTablesAgreeWithReferenceAndMeaning) {
     const uint32_t requests = vrkalloc_requests();
     const Hits hits = LibraryHits(table.mutable_desc(), 0, d, positions, length, 200000);
     EXPECT_EQ(vrkalloc_requests(), requests) << "the local search allocated";
-    ASSERT_EQ(table.desc().count, elements.size());
+    ASSERT_NO_FATAL_FAILURE(ExpectIndexDescribesBuckets(table));
     // The table rules read word for word.
     ASSERT_EQ(hits, ReferenceHits(table.desc(), d, positions, length));
     // What the readable patterns mean, rule by rule at each position.
