@@ -41,14 +41,20 @@ std::vector<uint32_t> ExpectedWords(const uint8_t* data, int32_t length, uint32_
   return w;
 }
 
+// Cells (row, column, sorted checksums) registered in a table of `rows`.
+struct Cell {
+  uint32_t row, column;
+  std::vector<uint32_t> crcs;
+};
 struct Table {
-  explicit Table(uint32_t rows) : cells(rows * SEARCH_CRC_COLUMNS) {}
-  std::vector<SEARCH_CRCTblEntry> cells;
-  std::vector<std::vector<uint32_t>> arrays;
-  void Put(uint32_t row, uint32_t column, std::vector<uint32_t> values) {
-    arrays.push_back(std::move(values));
-    SEARCH_CRCRegisterTable(cells.data(), column, row, arrays.back().data(), uint32_t(arrays.back().size()));
+  explicit Table(uint32_t rows, std::vector<Cell> list = {})
+      : cells(rows * SEARCH_CRC_COLUMNS), filled(std::move(list)) {
+    for (Cell& c : filled) {
+      SEARCH_CRCRegisterTable(cells.data(), c.column, c.row, c.crcs.data(), uint32_t(c.crcs.size()));
+    }
   }
+  std::vector<SEARCH_CRCTblEntry> cells;
+  std::vector<Cell> filled;
 };
 
 struct List {
@@ -117,9 +123,7 @@ TEST(CrcFingerprint, MatchesTheRules) {
 
 TEST(CrcFingerprint, RefusedCopyKeepsWordsButStillMatches) {
   const auto data = RandomBytes(100, 34);
-  Table table(1);
-  table.Put(0, 0, {0x1234});
-  table.Put(0, 5, {kSentinel});
+  Table table(1, {{0, 0, {0x1234}}, {0, 5, {kSentinel}}});
   SEARCH_CRCFingerprint f = Filled(kSentinel);
   List hits;
   vrkalloc_fail_size(2048, 1);
@@ -134,20 +138,16 @@ TEST(CrcFingerprint, RefusedCopyKeepsWordsButStillMatches) {
 TEST(CrcMatch, OrderColumnsDownThenColumnZero) {
   const auto data = RandomBytes(2048, 35);
   SEARCH_CRCFingerprint f{};
-  Table table(3);
   List hits;
-  SEARCH_CRCFile(data.data(), 2048, 0, 0xC0FFEE, &f, 0, table.cells.data(), &hits.list);
+  SEARCH_CRCFile(data.data(), 2048, 0, 0xC0FFEE, &f, 0, Table(1).cells.data(), &hits.list);
   ASSERT_EQ(hits.list.count, 0u);
-  // Row 1: hits in columns 2, 17 (a triple) and 37, and the key.
-  table.Put(1, 2, {1, f.words[2], 0xFFFFFFFF});
-  table.Put(1, 17, {0, f.words[17], f.words[17], f.words[17], 0xFFFFFFFE});
-  table.Put(1, 37, {f.words[37]});
-  table.Put(1, 0, {5, 0xC0FFEE});
-  table.Put(1, 9, {f.words[9] ^ 1});  // a near miss
-  table.Put(0, 3, {f.words[3]});      // other rows are not looked at
-  table.Put(2, 3, {f.words[3]});
+  const uint32_t* w = f.words;
+  // Row 1: hits in columns 2, 17 (a triple) and 37, and the key; a near
+  // miss in column 9. Other rows are not looked at.
+  Table table(3, {{1, 2, {1, w[2], 0xFFFFFFFF}}, {1, 17, {0, w[17], w[17], w[17], 0xFFFFFFFE}}, {1, 37, {w[37]}},
+                  {1, 0, {5, 0xC0FFEE}}, {1, 9, {w[9] ^ 1}}, {0, 3, {w[3]}}, {2, 3, {w[3]}}});
   const SEARCH_CRCTblEntry& cell = table.cells[1 * 38 + 37];
-  EXPECT_TRUE(cell.index == 1 * 38 + 37 && cell.count == 1 && cell.crcs == table.arrays[2].data());
+  EXPECT_TRUE(cell.index == 1 * 38 + 37 && cell.count == 1 && cell.crcs == table.filled[2].crcs.data());
   EXPECT_EQ(SEARCH_CRCFile(data.data(), 2048, 1, 0xC0FFEE, &f, 0, table.cells.data(), &hits.list), 1);
   EXPECT_EQ(hits.Get(), (Hits{{0, 37}, {1, 17}, {2, 17}, {3, 17}, {1, 2}, {1, 0}}));
 }
@@ -158,11 +158,7 @@ TEST(CrcMatch, ColumnZeroAndReuse) {
   SEARCH_CRCFingerprint f = Filled(0);
   f.words[0] = 77;
   f.words[20] = 0xABCDEF;
-  Table table(4);
-  table.Put(1, 0, {77});
-  table.Put(2, 20, {0xABCDEF});
-  table.Put(2, 0, {77});
-  table.Put(3, 20, {3, 0xABCDEF});
+  Table table(4, {{1, 0, {77}}, {2, 20, {0xABCDEF}}, {2, 0, {77}}, {3, 20, {3, 0xABCDEF}}});
   List hits;
   const uint8_t unused = 0;
   for (uint32_t row : {1, 2, 3, 1}) {
@@ -192,8 +188,7 @@ TEST(CrcMatch, NullArgumentsDoNothing) {
 }
 
 // Every run length at every place, so the binary search meets each element
-// of a run first in some case; the count returned is the list's, including
-// an earlier hit.
+// of a run first in some case.
 TEST(CrcSearch, FindsEveryEqualElement) {
   for (uint32_t before = 0; before < 6; ++before) {
     for (uint32_t run = 0; run < 9; ++run) {
@@ -201,10 +196,8 @@ TEST(CrcSearch, FindsEveryEqualElement) {
       crcs.insert(crcs.end(), run, 20);
       crcs.insert(crcs.end(), 5, 30);
       List hits;
-      const uint32_t zero = 0;
-      SEARCH_CRC(&zero, 1, 30, 0, &hits.list);
-      ASSERT_EQ(SEARCH_CRC(crcs.data(), uint32_t(crcs.size()), 12, 20, &hits.list), run + 1);
-      for (uint32_t i = 0; i < run; ++i) ASSERT_EQ(hits.list.entries[i + 1].position, before + i);
+      ASSERT_EQ(SEARCH_CRC(crcs.data(), uint32_t(crcs.size()), 12, 20, &hits.list), run);
+      for (uint32_t i = 0; i < run; ++i) ASSERT_EQ(hits.list.entries[i].position, before + i);
     }
   }
   // Empty array, and unsigned order.
