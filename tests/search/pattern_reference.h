@@ -63,6 +63,24 @@ inline void ReferenceSearch(const SEARCH_BuscaTblDesc& desc, const uint8_t* data
   ReferenceSearchTo(desc, data, positions, length, [&](const uint8_t* pattern) { hits.push_back(pattern); });
 }
 
+using Hits = std::vector<const unsigned char*>;
+
+inline Hits ReferenceHits(const SEARCH_BuscaTblDesc& desc, const uint8_t* data, int positions, int length) {
+  Hits hits;
+  ReferenceSearchTo(desc, data, positions, length, [&](const uint8_t* pattern) { hits.push_back(pattern); });
+  return hits;
+}
+
+// The library's answer, in a result list of `capacity` items.
+inline Hits LibraryHits(SEARCH_BuscaTblDesc* tables, unsigned table, const uint8_t* data, int positions, int length,
+                        uint32_t capacity = 4096) {
+  Hits items(capacity);
+  SEARCH_BuscaTblList out{capacity, 0, items.data()};
+  SEARCH_BuscaTbl(table, tables, data, positions, length, &out);
+  items.resize(out.count);
+  return items;
+}
+
 // Whether the readable pattern `e` matches the bytes data[p .. length).
 inline bool PatternMatches(const std::vector<patterns::Element>& e, size_t k, const uint8_t* data, int64_t p,
                            int64_t length) {
