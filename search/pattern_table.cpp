@@ -132,6 +132,14 @@ class ByteWindow {
 
 inline bool KeyPresent(const uint8_t* bitmap, uint32_t key) { return (bitmap[key >> 3] >> (key & 7)) & 1; }
 
+// Whether any gap key (b + 256 * 0xDD) is marked: their 256 bits are the
+// 32 bitmap bytes from key 0xDD00 on.
+bool HasGapKeys(const uint8_t* bitmap) {
+  uint8_t any = 0;
+  for (uint32_t i = 0; i < 32; ++i) any |= bitmap[(kGapKeyHigh >> 3) + i];
+  return any != 0;
+}
+
 // The bucket of `key`: its patterns run from patterns[first] on.
 inline uint32_t Bucket(const uint8_t* index, uint32_t key, uint32_t& first) {
   uint16_t entry[2];
@@ -202,8 +210,9 @@ inline bool GapRuleMatches(const ByteWindow& w, SkipMemo& memo, uint32_t slot, c
 }
 
 // kIndexed: with the byte window and the skip memo (`window` and `memo`
-// non-null).
-template <bool kIndexed>
+// non-null). kGapRule: the table has gap-rule patterns at all; without
+// them the gap key's bit is known to be clear and is not read.
+template <bool kIndexed, bool kGapRule>
 void SearchLocally(const Table& t, const uint8_t* data, int positions, int length, SEARCH_BuscaTblList* out,
                    ByteWindow* window, SkipMemo* memo) {
   const uint8_t* bitmap = t.bitmap;
@@ -230,7 +239,7 @@ void SearchLocally(const Table& t, const uint8_t* data, int positions, int lengt
       }
     }
     const uint32_t gap_key = b0 | kGapKeyHigh;
-    if (KeyPresent(bitmap, gap_key)) {
+    if (kGapRule && KeyPresent(bitmap, gap_key)) {
       uint32_t first = 0;
       for (uint32_t i = Bucket(t.index, gap_key, first); i-- > 0;) {
         const uint8_t* pattern = t.patterns[first + i];
@@ -287,15 +296,19 @@ void SEARCH_BuscaTbl(unsigned int table, const SEARCH_BuscaTblDesc* tables, cons
     return;
   }
   if (positions <= 0) return;
+  const Table t = ReadDesc(tables, table);
   // Short searches (one position at a time, say) would spend more on
-  // setting the window and the memo up than they could save.
-  if (positions < kIndexedFrom) {
-    SearchLocally<false>(ReadDesc(tables, table), data, positions, length, out, nullptr, nullptr);
-    return;
+  // setting the window and the memo up than they could save, and tables
+  // without gap-rule patterns never consult them.
+  if (!HasGapKeys(t.bitmap)) {
+    SearchLocally<false, false>(t, data, positions, length, out, nullptr, nullptr);
+  } else if (positions < kIndexedFrom) {
+    SearchLocally<false, true>(t, data, positions, length, out, nullptr, nullptr);
+  } else {
+    ByteWindow window(data, length);
+    SkipMemo memo;
+    SearchLocally<true, true>(t, data, positions, length, out, &window, &memo);
   }
-  ByteWindow window(data, length);
-  SkipMemo memo;
-  SearchLocally<true>(ReadDesc(tables, table), data, positions, length, out, &window, &memo);
 }
 
 }  // namespace vrk::search
