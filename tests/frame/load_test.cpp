@@ -34,13 +34,18 @@ constexpr int kSkipped = 77;
 using GetCP = int32_t (*)(const char*);
 using GetCPName = const char* (*)(int32_t);
 
+// Where the child loads the library from: its build path, or, once the child
+// has a /tmp of its own (which may hide a build tree under /tmp), a
+// descriptor opened on the file beforehand.
+std::string g_library_path = VRK_LIBRARY_PATH;
+
 struct Library {
   void* handle = nullptr;
   GetCP get_cp = nullptr;
   GetCPName get_cp_name = nullptr;
 
   bool Load() {
-    handle = dlopen(VRK_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    handle = dlopen(g_library_path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle) return false;
     get_cp = reinterpret_cast<GetCP>(dlsym(handle, "charconv_GetCP"));
     get_cp_name = reinterpret_cast<GetCPName>(dlsym(handle, "charconv_GetCPName"));
@@ -49,13 +54,16 @@ struct Library {
   // Unloads and confirms that the library really left the process.
   bool Unload() {
     if (dlclose(handle) != 0) return false;
-    return dlopen(VRK_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD) == nullptr;
+    return dlopen(g_library_path.c_str(), RTLD_NOW | RTLD_NOLOAD) == nullptr;
   }
 };
 
 // Gives the child a /tmp of its own, so that lock-file tests neither see nor
 // disturb the machine's. Needs the right to create a mount namespace.
 bool PrivateTmp() {
+  const int fd = open(VRK_LIBRARY_PATH, O_RDONLY);
+  if (fd < 0) return false;
+  g_library_path = "/proc/self/fd/" + std::to_string(fd);
   return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") == 0;
 }
