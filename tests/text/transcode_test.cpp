@@ -1,6 +1,6 @@
 // UTF-16 <-> UTF-8 transcoders: the lenient rules case by case, lone
-// surrogates at every index, random text against a reference encoder written
-// here, and the exact allocator calls, refusals included.
+// surrogates at every index, random text against an encoder written in the
+// tests, and the exact allocator calls, refusals included.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "alloc_trace.h"
+#include "text_support.h"
 #include "vrk_standin_ctl.h"
 #include "vrk_text.h"
 
@@ -17,34 +17,12 @@ namespace {
 using Units = std::vector<uint16_t>;
 using Bytes = std::string;
 
-// ---- Reference encoders, written from the encoding definitions ----
+using vrk::test::PutUtf8;
 
-// UTF-8 of one scalar value, or of a lone surrogate as its 3-byte form.
-void RefPutUtf8(char32_t c, Bytes& out) {
-  if (c <= 0x7F) {
-    out += char(c);
-  } else if (c <= 0x7FF) {
-    out += char(0xC0 | (c >> 6));
-    out += char(0x80 | (c & 0x3F));
-  } else if (c <= 0xFFFF) {
-    out += char(0xE0 | (c >> 12));
-    out += char(0x80 | ((c >> 6) & 0x3F));
-    out += char(0x80 | (c & 0x3F));
-  } else {
-    out += char(0xF0 | (c >> 18));
-    out += char(0x80 | ((c >> 12) & 0x3F));
-    out += char(0x80 | ((c >> 6) & 0x3F));
-    out += char(0x80 | (c & 0x3F));
-  }
-}
-
-void RefPutUtf16(char32_t c, Units& out) {
-  if (c < 0x10000) {
-    out.push_back(uint16_t(c));
-  } else {
-    out.push_back(uint16_t(0xD800 + ((c - 0x10000) >> 10)));
-    out.push_back(uint16_t(0xDC00 + ((c - 0x10000) & 0x3FF)));
-  }
+void PutUtf16(char32_t c, Units& out) {
+  if (c < 0x10000) return out.push_back(uint16_t(c));
+  out.push_back(uint16_t(0xD800 + ((c - 0x10000) >> 10)));
+  out.push_back(uint16_t(0xDC00 + ((c - 0x10000) & 0x3FF)));
 }
 
 // ---- Calls through the library, results copied out and released ----
@@ -103,17 +81,13 @@ TEST(Utf16ToUtf8, Cases) {
       {"one character of each length", {0x0041, 0x00E9, 0x20AC, 0xD83D, 0xDE00}, true,
        "\x41\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
       {"high surrogate followed by a letter stands for itself", {0xD800, 0x0041}, true, "\xED\xA0\x80\x41"},
-      {"lone low surrogate", {0xDC00}, true, "\xED\xB0\x80"},
       {"two high surrogates, the second paired", {0xD800, 0xD83D, 0xDE00}, true, "\xED\xA0\x80\xF0\x9F\x98\x80"},
       {"low before high is two lone surrogates", {0xDC00, 0xD800, 0x0041}, true, "\xED\xB0\x80\xED\xA0\x80\x41"},
       {"high surrogate as the last unit fails", {0x0041, 0xD800}, false, ""},
-      {"a lone high surrogate fails", {0xDBFF}, false, ""},
       // U+FEFF ZERO WIDTH NO-BREAK SPACE: a byte-order mark is a character like any other
       {"byte-order mark is converted", {0xFEFF, 0x0041}, true, "\xEF\xBB\xBF\x41"},
       // U+0000 inside an explicit length is an ordinary character
       {"embedded 0 unit counts", {0x0041, 0x0000, 0x0042}, true, Bytes("A\0B", 3)},
-      // U+10FFFF, the last code point
-      {"last code point", {0xDBFF, 0xDFFF}, true, "\xF4\x8F\xBF\xBF"},
       // U+07FF and U+0800, the 2/3-byte boundary
       {"2/3-byte boundary", {0x07FF, 0x0800}, true, "\xDF\xBF\xE0\xA0\x80"},
   };
@@ -161,7 +135,7 @@ TEST(Utf16ToUtf8, EveryLoneSurrogateAtEveryIndex) {
       units.insert(units.begin() + at, uint16_t(s));
       const bool high_last = s <= 0xDBFF && at == base.size();
       Bytes expected;
-      for (const uint16_t u : units) RefPutUtf8(u, expected);
+      for (const uint16_t u : units) PutUtf8(u, expected);
       const Utf8Result r = ToUtf8(units);
       ASSERT_EQ(r.ok, !high_last) << std::hex << unsigned(s) << " at " << at;
       if (high_last) {
@@ -185,20 +159,15 @@ struct ToUtf16Case {
 TEST(Utf8ToUtf16, Cases) {
   const ToUtf16Case cases[] = {
       {"U+1F600 GRINNING FACE becomes a pair", "\xF0\x9F\x98\x80", {0xD83D, 0xDE00}},
-      {"U+00E9 LATIN SMALL LETTER E WITH ACUTE", "\xC3\xA9", {0x00E9}},
       {"U+10FFFF", "\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}},
       {"stray continuation byte skipped", "\x41\x80\x42", {0x0041, 0x0042}},
       {"bad second byte: resume at it", "\xC3\x41", {0x0041}},
       {"bad 3-byte sequence: resume at its last byte", "\xE2\x41\x42", {0x0042}},
       {"bad 4-byte sequence: resume at its last byte", "\xF0\x9F\x41\x42\x43", {0x0042, 0x0043}},
-      {"incomplete tail dropped", "\x41\xE2\x82", {0x0041}},
       {"incomplete 4-byte tail dropped", "\x41\xF0\x9F\x98", {0x0041}},
       {"overlong U+0000 accepted", Bytes("\xC0\x80", 2), {0x0000}},
-      {"overlong U+002F accepted", "\xE0\x80\xAF", {0x002F}},
       {"encoded surrogate passes through", "\xED\xA0\x80", {0xD800}},
-      {"above U+10FFFF dropped", "\xF4\x90\x80\x80", {}},
       {"reading resumes right behind a dropped value", "\xF4\x90\x80\x80" "ABC", {'A', 'B', 'C'}},
-      {"0xF5 lead dropped, then resume", "\xF5\x80\x80\x80" "A", {'A'}},
       {"0xFF lead dropped, then resume", "\xFF\xBF\xBF\xBF" "AB", {'A', 'B'}},
       {"embedded 0 byte converted", Bytes("A\0B", 3), {'A', 0, 'B'}},
       {"0 byte inside a sequence: resume at it", Bytes("\xC3\0" "A", 3), {0, 'A'}},
@@ -255,8 +224,8 @@ TEST(Transcode, RandomRoundTripsAgainstReference) {
     Bytes bytes;
     for (size_t i = 0; i < count; ++i) {
       const char32_t c = RandomScalar(rng);
-      RefPutUtf16(c, units);
-      RefPutUtf8(c, bytes);
+      PutUtf16(c, units);
+      PutUtf8(c, bytes);
     }
     SCOPED_TRACE(round);
     const Utf8Result to8 = ToUtf8(units);
@@ -266,14 +235,6 @@ TEST(Transcode, RandomRoundTripsAgainstReference) {
     ASSERT_TRUE(to16.ok);
     ASSERT_EQ(to16.units, units);
   }
-}
-
-TEST(Transcode, AsciiRoundTrip) {
-  std::string letters;
-  for (int i = 0; i < 5000; ++i) letters += char('A' + i % 26);
-  const Utf16Result to16 = ToUtf16(letters);
-  ASSERT_EQ(to16.units.size(), letters.size());
-  EXPECT_EQ(ToUtf8(to16.units).bytes, letters);
 }
 
 // ---- Allocation pattern ----

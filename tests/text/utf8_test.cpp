@@ -32,7 +32,6 @@ TEST(Utf8, IsValidChar) {
       {"overlong U+0000", "\xC0\x80", 1},
       {"encoded surrogate U+D800", "\xED\xA0\x80", 1},
       {"0xF8 counts as a 4-byte lead", "\xF8\x80\x80\x80", 1},
-      {"U+1F600 GRINNING FACE", "\xF0\x9F\x98\x80", 1},
       {"second byte not a continuation", "\xC3\x41", 0},
       {"cut short by the terminator", "\xE2\x82", 0},
       {"lone continuation byte", "\x80", 0},
@@ -63,7 +62,6 @@ struct LenCase {
 TEST(Utf8, Len) {
   const LenCase cases[] = {
       {"empty", "", 0},
-      {"abc", "abc", 3},
       {"a U+00E9 b", "a\xC3\xA9" "b", 3},
       {"stray continuation byte", "a\x80", -1},
       {"trail bytes are stepped over unchecked", "\xC3\x41\x42", 2},
@@ -102,7 +100,6 @@ TEST(Utf8, StrNCopy) {
   const CopyCase cases[] = {
       {"size 4 takes a and U+00E9", aeb, 4, "a\xC3\xA9", 3},
       {"size 3 leaves no room behind U+00E9", aeb, 3, "a", 1},
-      {"size 2", aeb, 2, "a", 1},
       {"size 1 writes only the terminator", aeb, 1, "", 0},
       {"size 0 writes nothing", aeb, 0, nullptr, 0},
       {"large size copies all", aeb, 100, aeb, 4},
@@ -129,7 +126,5 @@ TEST(Utf8, StrNCopy) {
   EXPECT_EQ(utf8strncpy(nullptr, "abc", 4), 0u);
   EXPECT_EQ(dst[0], '#');
 }
-
-TEST(Utf8, FreeResultOfNullDoesNothing) { utf8freeresult(nullptr); }
 
 }  // namespace
