@@ -98,15 +98,12 @@ TEST(Fold, Cases) {
   }
 }
 
-struct CompareCase {
-  const char* name;
-  std::string a, b;
-  int flags;
-  int result;
-};
-
 TEST(Icmp, Cases) {
-  const CompareCase cases[] = {
+  const struct {
+    const char* name;
+    std::string a, b;
+    int flags, result;
+  } cases[] = {
       {"ABC = abc", "ABC", "abc", 0, 0},
       {"abc > ab", "abc", "ab", 0, 1},
       {"stray byte first", "\x80", "a", 0, UTF8_ERR_INVALID},
@@ -125,7 +122,7 @@ TEST(Icmp, Cases) {
       {"U+0130 against i U+0307", U8({0x130}), U8({'i', 0x307}), 0, 1},
       {"overlong A is not a", "\xC1\x81", "a", 0, 1},
   };
-  for (const CompareCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(utf8icmp(c.a.c_str(), c.b.c_str(), c.flags), c.result);
   }
@@ -212,52 +209,37 @@ TEST(FoldData, TableMatchesTheUnicodeData) {
 
 // ---- The copy's allocator calls ----
 
-TEST(FoldStrictAlloc, Pattern) {
-  vrk::test::StartTrace();
-  EXPECT_EQ(FoldStrict("ABC", 0), "abc");
-  EXPECT_EQ(vrk::test::Trace(), "Prealloc(null,2048) Prealloc(4) Pfree ");
-
-  // 3000 letters: 2048, then 4096 when the 2048th byte and the terminator
-  // no longer fit, then the exact shrink.
-  vrk::test::StartTrace();
-  EXPECT_EQ(FoldStrict(std::string(3000, 'Q'), 0), std::string(3000, 'q'));
-  EXPECT_EQ(vrk::test::Trace(), "Prealloc(null,2048) Prealloc(4096) Prealloc(3001) Pfree ");
-
-  vrk::test::StartTrace();
-  EXPECT_EQ(FoldStrict("", 0), "(null)");
-  EXPECT_EQ(vrk::test::Trace(), "");
-
-  vrk::test::StartTrace();
-  EXPECT_EQ(FoldStrict("AB\x80", 0), "(null)");
-  EXPECT_EQ(vrk::test::Trace(), "Prealloc(null,2048) PSafeFree ");
-
-  vrk::test::StartTrace();
-  EXPECT_EQ(FoldStrict("\x80", 0), "(null)");
-  EXPECT_EQ(vrk::test::Trace(), "PSafeFree(null) ");
-
+// The result grows from 2048 bytes in steps of 2048 and is shrunk to its
+// exact size; a refused shrink leaves the larger block serving.
+TEST(FoldStrictAlloc, PatternAndRefusals) {
+  const std::string q3000(3000, 'Q'), lower3000(3000, 'q');
+  const struct {
+    std::string in;
+    uint32_t refuse_nth;
+    std::string out, trace;
+  } kCases[] = {
+      {"ABC", 0, "abc", "Prealloc(null,2048) Prealloc(4) Pfree "},
+      {q3000, 0, lower3000, "Prealloc(null,2048) Prealloc(4096) Prealloc(3001) Pfree "},
+      {"", 0, "(null)", ""},
+      {"AB\x80", 0, "(null)", "Prealloc(null,2048) PSafeFree "},
+      {"\x80", 0, "(null)", "PSafeFree(null) "},
+      {q3000, 1, "(null)", "Prealloc(null,2048)! "},
+      {q3000, 2, "(null)", "Prealloc(null,2048) Prealloc(4096)! Pfree "},
+      {q3000, 3, lower3000, "Prealloc(null,2048) Prealloc(4096) Prealloc(3001)! Pfree "},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::Message() << c.in.size() << " bytes, refusing " << c.refuse_nth);
+    vrkalloc_fail_nth(c.refuse_nth);
+    vrk::test::StartTrace();
+    EXPECT_EQ(FoldStrict(c.in, 0), c.out);
+    EXPECT_EQ(vrk::test::Trace(), c.trace);
+  }
   // Folding and comparing in place allocate nothing.
   vrk::test::StartTrace();
   EXPECT_EQ(FoldString("ABC"), "abc");
   EXPECT_EQ(utf8icmp("ABC", "abc", 0), 0);
-  EXPECT_EQ(vrk::test::Trace(), "");
   utf8freeresult(nullptr);
-}
-
-TEST(FoldStrictAlloc, RefusedAllocations) {
-  const std::string text(3000, 'Q');
-  vrk::test::StartTrace();
-  vrkalloc_fail_nth(1);
-  EXPECT_EQ(FoldStrict(text, 0), "(null)");
-  EXPECT_EQ(vrk::test::Trace(), "Prealloc(null,2048)! ");
-
-  vrk::test::StartTrace();
-  vrkalloc_fail_nth(2);
-  EXPECT_EQ(FoldStrict(text, 0), "(null)");
-  EXPECT_EQ(vrk::test::Trace(), "Prealloc(null,2048) Prealloc(4096)! Pfree ");
-
-  // A refused shrink: the larger buffer serves.
-  vrkalloc_fail_nth(3);
-  EXPECT_EQ(FoldStrict(text, 0), std::string(3000, 'q'));
+  EXPECT_EQ(vrk::test::Trace(), "");
 }
 
 }  // namespace
