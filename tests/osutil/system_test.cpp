@@ -79,84 +79,73 @@ TEST(TempFileName, NamesAtTheLengthLimit) {
   EXPECT_TRUE(dst.Untouched()) << "a failed call leaves the buffer alone";
 }
 
-TEST(ModuleFileName, SizesAroundTheNameLength) {
+TEST(ModuleFileName, SizesAroundTheNameLengthAndSystemGate) {
   char own[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", own, sizeof own);
   ASSERT_GT(n, 0);
   const std::string exe(own, size_t(n));
   const uint32_t length = uint32_t(exe.size());
-  const uint32_t kCases[][2] = {{0, 1},          {1, 1},          {2, 1},          {length - 1, 1},
-                                {length, 1},     {length + 1, 0}, {4096, 0}};
-  for (const auto& [size, result] : kCases) {
-    SCOPED_TRACE(size);
+  const struct {
+    uint32_t size;
+    int type, version;
+    uint32_t result;
+  } kCases[] = {
+      {0, 3, 0x2001, 1},          {1, 3, 0x2001, 1},      {2, 3, 0x2001, 1},   {length - 1, 3, 0x2001, 1},
+      {length, 3, 0x2001, 1},     {length + 1, 3, 0x2001, 0}, {4096, 3, 0x2001, 0}, {4096, 2, 0x2001, 1},
+      {4096, 0, 0, 0},            {4096, 1, 0x1000, 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(testing::Message() << "size " << c.size << " type " << c.type);
+    vrkalloc_set_os(c.type, c.version);
     Guarded<4096> dst;
-    EXPECT_EQ(OSUtil_GetModuleFileNameUTF8(reinterpret_cast<void*>(0x1234), dst.get(), size), result);
-    if (result == 0) {
+    EXPECT_EQ(OSUtil_GetModuleFileNameUTF8(reinterpret_cast<void*>(0x1234), dst.get(), c.size), c.result);
+    if (c.result == 0) {
       EXPECT_EQ(std::string(dst.get()), exe);
-    } else if (size < 2) {
-      EXPECT_TRUE(dst.Untouched()) << "too small a buffer is not written";
+    } else if (c.size < 2 || c.type == 2) {
+      EXPECT_TRUE(dst.Untouched()) << "too small a buffer, or a refusing system: nothing written";
     } else {
       EXPECT_EQ(dst.bytes[0], '\0') << "a name that does not fit is not handed out cut short";
     }
-    EXPECT_TRUE(dst.Untouched(size)) << "written past the size";
+    EXPECT_TRUE(dst.Untouched(c.size)) << "written past the size";
   }
-}
-
-TEST(ModuleFileName, NullBufferAndSystemGate) {
   EXPECT_EQ(OSUtil_GetModuleFileNameUTF8(nullptr, nullptr, 4096), 1u);
-  const int kCases[][3] = {{2, 0x2001, 1}, {3, 0, 0}, {0, 0, 0}, {1, 0x1000, 0}};
-  for (const auto& [type, version, result] : kCases) {
-    SCOPED_TRACE(type);
-    vrkalloc_set_os(type, version);
-    Guarded<4096> dst;
-    EXPECT_EQ(OSUtil_GetModuleFileNameUTF8(nullptr, dst.get(), 4096), uint32_t(result));
-    EXPECT_TRUE(result == 0 || dst.Untouched());
-  }
 }
 
-TEST(LoadLibrary, BindsEverySymbolAndPassesNamesUnchanged) {
+TEST(LoadLibrary, BindsEverySymbolBehindTheSystemGate) {
   void* handle = OSUtil_LoadLibraryExUTF8(OSUTIL_TEST_LOADABLE, nullptr, 0);
   ASSERT_NE(handle, nullptr) << dlerror();
   auto answer = reinterpret_cast<int (*)(void)>(dlsym(handle, "osutil_loadable_answer"));
-  ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer(), 42);
+  ASSERT_TRUE(answer != nullptr && answer() == 42);
   EXPECT_EQ(dlclose(handle), 0);
-
   // This library loads lazily, so only binding at once refuses it.
   void* lazy = dlopen(OSUTIL_TEST_UNRESOLVED, RTLD_LAZY);
   ASSERT_NE(lazy, nullptr) << "the test library should load lazily: " << dlerror();
   dlclose(lazy);
+
   const struct {
     const char* name;
+    int type, version;
     bool loads;
   } kCases[] = {
-      {OSUTIL_TEST_UNRESOLVED, false},
-      {"libc.so.6", true},               // found by the loader's search
-      {"c", false},                      // no "lib" or ".so" is added
-      {"osutil_loadable.so", false},     // nor a directory
-      {OSUTIL_TEST_MODULE_DIR, false},   // a directory
-      {"", true},                        // the program itself, as dlopen has it
-      {nullptr, false},
+      {OSUTIL_TEST_UNRESOLVED, 3, 0x2001, false},
+      {"libc.so.6", 3, 0x2001, true},             // found by the loader's search
+      {"c", 3, 0x2001, false},                    // no "lib" or ".so" is added
+      {"osutil_loadable.so", 3, 0x2001, false},   // nor a directory
+      {OSUTIL_TEST_MODULE_DIR, 3, 0x2001, false}, // a directory
+      {"", 3, 0x2001, true},                      // the program itself, as dlopen has it
+      {nullptr, 3, 0x2001, false},
+      {OSUTIL_TEST_LOADABLE, 3, 0x1000, true},  {OSUTIL_TEST_LOADABLE, 0, 0x1000, true},
+      {OSUTIL_TEST_LOADABLE, 7, 0x2001, true},  {OSUTIL_TEST_LOADABLE, 2, 0x2001, false},
+      {OSUTIL_TEST_LOADABLE, 2, 0x1000, false}, {OSUTIL_TEST_LOADABLE, 3, 0, false},
+      {OSUTIL_TEST_LOADABLE, 3, 0x2002, false},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.name ? c.name : "(null)");
-    void* h = OSUtil_LoadLibraryExUTF8(c.name, nullptr, 0);
-    EXPECT_EQ(h != nullptr, c.loads);
-    if (h) dlclose(h);
-  }
-}
-
-TEST(LoadLibrary, SystemGate) {
-  const int kCases[][3] = {
-      {3, 0x2001, 1}, {3, 0x1000, 1}, {0, 0x1000, 1}, {7, 0x2001, 1},
-      {2, 0x2001, 0}, {2, 0x1000, 0}, {3, 0, 0},      {3, 0x2002, 0},
-  };
-  for (const auto& [type, version, loads] : kCases) {
-    SCOPED_TRACE(testing::Message() << "type " << type << " version " << version);
-    vrkalloc_set_os(type, version);
+    SCOPED_TRACE(testing::Message() << (c.name ? c.name : "(null)") << " type " << c.type << " version "
+                                    << c.version);
+    vrkalloc_set_os(c.type, c.version);
     // The trailing arguments are not used, whatever they hold.
-    void* h = OSUtil_LoadLibraryExUTF8(OSUTIL_TEST_LOADABLE, reinterpret_cast<void*>(1), 0xFFFFFFFFu);
-    EXPECT_EQ(h != nullptr, bool(loads));
+    void* h = OSUtil_LoadLibraryExUTF8(c.name, reinterpret_cast<void*>(1), 0xFFFFFFFFu);
+    EXPECT_EQ(h != nullptr, c.loads);
     if (h) dlclose(h);
   }
 }
@@ -178,9 +167,16 @@ int TryLockInChild(const std::string& path) {
 TEST(FileLock, ExcludesOtherProcessesUntilUnlocked) {
   ScratchDir scratch;
   const std::string path = scratch / "locked";
+  int fd = 12345;
+  // A missing file is neither locked nor created.
+  EXPECT_EQ(OSUtil_UnixFileLock(path.c_str(), &fd), 0u);
+  EXPECT_EQ(fd, -1);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  EXPECT_EQ(OSUtil_UnixFileUnlock(&fd), 0u);
+  EXPECT_EQ(fd, -1);
+
   ASSERT_TRUE(osutil_test::Touch(path));
   ASSERT_EQ(TryLockInChild(path), 0);
-  int fd = -1;
   EXPECT_EQ(OSUtil_UnixFileLock(path.c_str(), &fd), 0u);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
@@ -200,17 +196,6 @@ TEST(FileLock, ExcludesOtherProcessesUntilUnlocked) {
   EXPECT_EQ(fd, -1);
   EXPECT_EQ(fcntl(held, F_GETFD), -1) << "the descriptor is closed";
   EXPECT_EQ(TryLockInChild(path), 0);
-}
-
-TEST(FileLock, MissingFile) {
-  ScratchDir scratch;
-  const std::string path = scratch / "missing";
-  int fd = 12345;
-  EXPECT_EQ(OSUtil_UnixFileLock(path.c_str(), &fd), 0u);
-  EXPECT_EQ(fd, -1);
-  EXPECT_NE(access(path.c_str(), F_OK), 0) << "nothing is created";
-  EXPECT_EQ(OSUtil_UnixFileUnlock(&fd), 0u);
-  EXPECT_EQ(fd, -1);
 }
 
 TEST(SystemQueries, PassedOnAndConstantAnswers) {
