@@ -78,26 +78,6 @@ TEST(Utf16ToUtf8, Cases) {
   }
 }
 
-TEST(Utf16ToUtf8, LengthsAndEmptyInput) {
-  const uint16_t abc[] = {'a', 'b', 'c', 0, 'd'};
-  EXPECT_EQ(ToUtf8(abc, -1).data, "abc");
-  EXPECT_EQ(ToUtf8(abc, 5).data, Bytes("abc\0d", 5));
-  const uint16_t empty[] = {0, 'x'};
-  for (const int len : {0, -1, -2, -1000}) {
-    SCOPED_TRACE(len);
-    const Result<Bytes> r = ToUtf8(empty, len);
-    EXPECT_TRUE(r.ok);
-    EXPECT_EQ(r.data, "");
-    EXPECT_EQ(r.outlen, 0);
-  }
-  int outlen = 7;
-  EXPECT_EQ(charconv_UTF16ToUTF8(nullptr, 3, &outlen), nullptr);
-  EXPECT_EQ(outlen, 0);
-  char* r = charconv_UTF16ToUTF8(abc, 3, nullptr);  // outlen is optional
-  EXPECT_STREQ(r, "abc");
-  charconv_FreeBuffer(&r);
-}
-
 // Every lone surrogate, at every position of a short mixed text: low ones
 // anywhere and high ones before a non-surrogate come out as their 3-byte
 // forms (and go back unchanged); a high one in last place fails.
@@ -153,20 +133,32 @@ TEST(Utf8ToUtf16, Cases) {
   }
 }
 
-TEST(Utf8ToUtf16, LengthsAndEmptyInput) {
+TEST(Transcode, LengthsNullAndEmptyInput) {
+  const uint16_t abc16[] = {'a', 'b', 'c', 0, 'd'};
+  EXPECT_EQ(ToUtf8(abc16, -1).data, "abc");
+  EXPECT_EQ(ToUtf8(abc16, 5).data, Bytes("abc\0d", 5));
   EXPECT_EQ(ToUtf16("abc\0d", -1).data, (Units{'a', 'b', 'c'}));
   EXPECT_EQ(ToUtf16("abc\0d", 5).data, (Units{'a', 'b', 'c', 0, 'd'}));
   EXPECT_EQ(ToUtf16("abcdef", 2).data, (Units{'a', 'b'}));
+  const uint16_t empty16[] = {0, 'x'};
+  EXPECT_TRUE(ToUtf8(empty16, -1).ok && ToUtf8(empty16, -1).outlen == 0);
+  // Lengths below -1 count as 0: an empty result, never a huge size.
   for (const int len : {0, -2, -100000}) {
     SCOPED_TRACE(len);
-    const Result<Units> r = ToUtf16("abc", len);
-    EXPECT_TRUE(r.ok);
-    EXPECT_TRUE(r.data.empty());
-    EXPECT_EQ(r.outlen, 0);
+    const Result<Bytes> r8 = ToUtf8(abc16, len);
+    const Result<Units> r16 = ToUtf16("abc", len);
+    EXPECT_TRUE(r8.ok && r8.data.empty() && r8.outlen == 0);
+    EXPECT_TRUE(r16.ok && r16.data.empty() && r16.outlen == 0);
   }
   int outlen = 7;
+  EXPECT_EQ(charconv_UTF16ToUTF8(nullptr, 3, &outlen), nullptr);
+  EXPECT_EQ(outlen, 0);
+  outlen = 7;
   EXPECT_EQ(charconv_UTF8ToUTF16(nullptr, 3, &outlen), nullptr);
   EXPECT_EQ(outlen, 0);
+  char* r = charconv_UTF16ToUTF8(abc16, 3, nullptr);  // outlen is optional
+  EXPECT_STREQ(r, "abc");
+  charconv_FreeBuffer(&r);
 }
 
 // ---- Round trips of random valid text ----
