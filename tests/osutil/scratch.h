@@ -1,54 +1,68 @@
-// Scratch directories for the OS utility tests: a fresh folder per test,
-// removed with everything in it afterwards, and chains of folders built up
-// to an exact path length.
+// Helpers for the OS utility tests: a scratch folder removed with its
+// contents, folder chains of an exact path length, and guarded buffers.
 #pragma once
 
-#include <cstddef>
+#include <fcntl.h>
+#include <ftw.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
 #include <string>
 
 namespace osutil_test {
 
 class ScratchDir {
  public:
-  ScratchDir();
-  ~ScratchDir();
+  ScratchDir() {
+    char name[] = "/tmp/vrkosutil.XXXXXX";
+    if (mkdtemp(name)) path_ = name;
+  }
+  ~ScratchDir() {
+    auto remove = [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); };
+    if (!path_.empty()) nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
+  }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
-
   const std::string& path() const { return path_; }
-  // path() + "/" + name
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
  private:
   std::string path_;
 };
 
-// Creates folders below `base` until one exists whose path is exactly
-// `length` characters long, and returns that path ("" when mkdir failed).
-std::string MakeDirOfLength(const std::string& base, size_t length);
+// Creates folders below `base` until one's path is exactly `length`
+// characters long; returns it, or "" when mkdir failed.
+inline std::string MakeDirOfLength(std::string path, size_t length) {
+  while (path.size() < length) {
+    // Never leave a remainder of one, which cannot hold "/" and a name.
+    const size_t room = length - path.size() - 1;
+    size_t n = std::min<size_t>(room, 200);
+    if (room - n == 1) --n;
+    path += '/' + std::string(n, 'd');
+    if (mkdir(path.c_str(), 0700) != 0) return "";
+  }
+  return path.size() == length ? path : "";
+}
 
-// Creates (or truncates) a regular file; false when it cannot.
-bool Touch(const std::string& path);
+inline bool Touch(const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  return fd >= 0 && close(fd) == 0;
+}
 
-// Buffers with a guard zone after the size under test: every test byte and
-// the guard start as 0xAA, so writes past the size and writes at all both
-// show.
+// N bytes under test and a guard zone after them, all 0xAA at the start, so
+// that writes past the size and writes at all both show.
 template <size_t N>
 struct Guarded {
-  static constexpr size_t kGuard = 64;
-  char bytes[N + kGuard];
+  char bytes[N + 64];
   Guarded() { Fill(); }
-  void Fill() {
-    for (char& c : bytes) c = char(0xAA);
-  }
+  void Fill() { std::fill(std::begin(bytes), std::end(bytes), char(0xAA)); }
   char* get() { return bytes; }
-  bool Untouched() const { return Untouched(0); }
   // True when nothing from byte `from` on was written.
-  bool Untouched(size_t from) const {
-    for (size_t i = from; i < sizeof bytes; ++i) {
-      if (bytes[i] != char(0xAA)) return false;
-    }
-    return true;
+  bool Untouched(size_t from = 0) const {
+    return std::all_of(bytes + from, std::end(bytes), [](char c) { return c == char(0xAA); });
   }
   bool GuardIntact() const { return Untouched(N); }
 };
