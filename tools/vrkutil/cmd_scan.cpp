@@ -81,12 +81,13 @@ class Progress {
     }
     wake_.notify_all();
     thread_.join();
-    if (shown_) std::fputs("\r\033[K", stderr);
+    if (visible_) std::fputs("\r\033[K", stderr);
   }
   std::mutex& output_mutex() { return mutex_; }
   // Clears the progress line before other output (hold output_mutex()).
   void ClearLocked() {
-    if (shown_) std::fputs("\r\033[K", stderr);
+    if (visible_) std::fputs("\r\033[K", stderr);
+    visible_ = false;
   }
 
  private:
@@ -98,7 +99,7 @@ class Progress {
       if (seconds < 1.0) continue;
       std::fprintf(stderr, "\r\033[K%llu files, %.0f files/s, %.1f MB/s", (unsigned long long)files_.load(),
                    double(files_.load()) / seconds, double(bytes_.load()) / 1e6 / seconds);
-      shown_ = true;
+      visible_ = true;
     }
   }
 
@@ -106,7 +107,7 @@ class Progress {
   const std::atomic<uint64_t>& bytes_;
   const bool enabled_;
   bool done_ = false;
-  bool shown_ = false;
+  bool visible_ = false;  // on the screen now
   std::mutex mutex_;
   std::condition_variable wake_;
   std::thread thread_;
@@ -149,7 +150,7 @@ int Run(Args args) {
       for (size_t i; (i = next.fetch_add(1)) < files.size();) {
         const vrk::scan::FileReport report = compiled->ScanFile(files[i]);
         std::lock_guard<std::mutex> lock(progress.output_mutex());
-        progress.ClearLocked();
+        if (!report.error.empty() || !report.detections.empty()) progress.ClearLocked();
         if (!report.error.empty()) {
           std::fprintf(stderr, "%s: ERROR %s\n", files[i].c_str(), report.error.c_str());
           read_errors = true;
