@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -30,13 +31,17 @@ static_assert(sizeof(Header) == 16);
 
 struct State {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-  uint32_t requests = 0;
+  // Counters are atomic so that, while no fault is armed and no log is on,
+  // allocations take no lock: the stand-in then costs about what the heap
+  // does, and benchmarks measure the library rather than the test harness.
+  std::atomic<uint32_t> requests{0};
+  std::atomic<bool> armed{false};  // a fault or the log is on
   uint32_t fail_nth = 0;     // absolute request number to refuse, 0 none
   uint32_t fail_from = 0;    // absolute request number from which to refuse
   uint32_t fail_bytes = 0;
   bool fail_bytes_on = false;
   bool fail_all = false;
-  uint32_t live[2] = {0, 0};
+  std::atomic<uint32_t> live[2] = {0, 0};
   bool log_on = false;
   VrkAllocCall *log = nullptr;
   uint32_t log_size = 0;
@@ -54,7 +59,14 @@ struct Lock {
   ~Lock() { pthread_mutex_unlock(&g.mutex); }
 };
 
+// Re-derives `armed` after any control change (hold the lock).
+void UpdateArmed() {
+  g.armed = g.log_on || g.fail_all || g.fail_bytes_on || g.fail_nth != 0 || g.fail_from != 0;
+}
+
 void Log(int op, uint32_t a, uint32_t b, uint32_t c, void *block, void *result, bool refused) {
+  if (!g.armed.load(std::memory_order_relaxed)) return;
+  Lock lock;
   if (!g.log_on) return;
   if (g.log_size == g.log_cap) {
     uint32_t cap = g.log_cap ? g.log_cap * 2 : 256;
@@ -68,7 +80,9 @@ void Log(int op, uint32_t a, uint32_t b, uint32_t c, void *block, void *result, 
 
 // Counts one allocation request and decides whether it is refused.
 bool Refuse(uint64_t bytes) {
-  uint32_t n = ++g.requests;
+  const uint32_t n = ++g.requests;
+  if (!g.armed.load(std::memory_order_relaxed)) return bytes > 0x7fffffffu;
+  Lock lock;
   if (g.fail_all) return true;
   if (g.fail_nth != 0 && n == g.fail_nth) return true;
   if (g.fail_from != 0 && n >= g.fail_from) return true;
@@ -107,7 +121,6 @@ void FreeBlock(void *block) {
 extern "C" {
 
 void *Pmalloc(uint32_t size, uint32_t flags) {
-  Lock lock;
   bool refused = Refuse(size);
   void *p = refused ? nullptr : NewBlock(size, false);
   Log(VRKALLOC_PMALLOC, size, flags, 0, nullptr, p, refused);
@@ -115,7 +128,6 @@ void *Pmalloc(uint32_t size, uint32_t flags) {
 }
 
 void *Pcalloc(uint32_t count, uint32_t size, uint32_t flags) {
-  Lock lock;
   uint64_t bytes = uint64_t(count) * size;
   bool refused = Refuse(bytes);
   void *p = refused ? nullptr : NewBlock(uint32_t(bytes), true);
@@ -124,7 +136,6 @@ void *Pcalloc(uint32_t count, uint32_t size, uint32_t flags) {
 }
 
 void *Prealloc(void *block, uint32_t size) {
-  Lock lock;
   bool refused = Refuse(size);
   void *p = nullptr;
   if (!refused) {
@@ -144,13 +155,11 @@ void *Prealloc(void *block, uint32_t size) {
 }
 
 void Pfree(void *block) {
-  Lock lock;
   Log(VRKALLOC_PFREE, 0, 0, 0, block, nullptr, false);
   if (block) FreeBlock(block);
 }
 
 void PSafeFree(void **block) {
-  Lock lock;
   Log(VRKALLOC_PSAFEFREE, 0, 0, 0, block ? *block : nullptr, nullptr, false);
   if (block && *block) {
     FreeBlock(*block);
@@ -161,7 +170,6 @@ void PSafeFree(void **block) {
 // Module images: whole pages that allow execution, with an inaccessible page
 // behind them so that a write past the image faults at once.
 void *PcallocX(uint32_t count, uint32_t size, uint32_t flags) {
-  Lock lock;
   uint64_t bytes = uint64_t(count) * size;
   bool refused = Refuse(bytes);
   void *p = nullptr;
@@ -186,7 +194,6 @@ void *PcallocX(uint32_t count, uint32_t size, uint32_t flags) {
 }
 
 void PfreeX(void *block) {
-  Lock lock;
   Log(VRKALLOC_PFREEX, 0, 0, 0, block, nullptr, false);
   if (!block) return;
   Header *h = HeaderOf(block, kMagicX);
@@ -197,11 +204,13 @@ void PfreeX(void *block) {
 }
 
 void SetModuleVersion(int module, int version) {
-  Lock lock;
-  if (g.module.calls == 0) g.module.requests_before_first = g.requests;
-  ++g.module.calls;
-  g.module.module = module;
-  g.module.version = version;
+  {
+    Lock lock;
+    if (g.module.calls == 0) g.module.requests_before_first = g.requests;
+    ++g.module.calls;
+    g.module.module = module;
+    g.module.version = version;
+  }
   Log(VRKALLOC_SETMODULEVERSION, uint32_t(module), uint32_t(version), 0, nullptr, nullptr, false);
 }
 
@@ -227,27 +236,32 @@ void vrkalloc_reset(void) {
   g.log_size = 0;
   g.os_type = 3;
   g.os_version = 0x2001;
+  UpdateArmed();
 }
 
 void vrkalloc_fail_nth(uint32_t n) {
   Lock lock;
   g.fail_nth = n ? g.requests + n : 0;
+  UpdateArmed();
 }
 
 void vrkalloc_fail_from(uint32_t n) {
   Lock lock;
   g.fail_from = n ? g.requests + n : 0;
+  UpdateArmed();
 }
 
 void vrkalloc_fail_size(uint32_t bytes, int on) {
   Lock lock;
   g.fail_bytes = bytes;
   g.fail_bytes_on = on != 0;
+  UpdateArmed();
 }
 
 void vrkalloc_fail_all(int on) {
   Lock lock;
   g.fail_all = on != 0;
+  UpdateArmed();
 }
 
 uint32_t vrkalloc_requests(void) {
@@ -264,6 +278,7 @@ void vrkalloc_log_enable(int on) {
   Lock lock;
   g.log_on = on != 0;
   if (g.log_on) g.log_size = 0;
+  UpdateArmed();
 }
 
 uint32_t vrkalloc_log_size(void) {
