@@ -24,7 +24,6 @@ check "md5 like md5sum" "$(cd "$work" && md5sum digits empty random)" "$(cd "$wo
 check "md5 escaped name" "$(cd "$work" && md5sum 'back\slash')" "$(cd "$work" && "$vrkutil" md5 'back\slash')"
 check "md5 stdin" "$(md5sum < "$work/random")" "$("$vrkutil" md5 - < "$work/random")"
 check "md5 limit" "$(head -c 100 "$work/random" | md5sum | cut -c1-32)" "$("$vrkutil" md5 --limit 100 "$work/random" | cut -c1-32)"
-check "md5 limit past end" "$(md5sum < "$work/random" | cut -c1-32)" "$("$vrkutil" md5 --limit=6000 "$work/random" | cut -c1-32)"
 
 out=$("$vrkutil" fingerprint --key 0x2a "$work/digits")
 check "fingerprint lines" 39 "$(echo "$out" | wc -l)"
@@ -43,8 +42,6 @@ check "crc32 still prints the readable file" "cbf43926  $work/digits" "$(cat "$w
 check "fingerprint directory status" 1 "$?"
 "$vrkutil" md5 --limit x "$work/digits" > /dev/null 2>&1
 check "md5 bad limit status" 2 "$?"
-"$vrkutil" crc32 > /dev/null 2>&1
-check "crc32 without files status" 2 "$?"
 
 [ $fail -eq 0 ] && echo "1 passed, 0 failed" || echo "0 passed, 1 failed"
 exit $fail
