@@ -32,9 +32,6 @@ struct Scenario {
   std::vector<Step> steps;
 };
 
-uint32_t BytesOf(const VrkAllocCall& call) {
-  return call.op == VRKALLOC_PCALLOC ? call.a * call.b : call.a;
-}
 
 const char kFull[] = "scheme='http' host='h.example' userinfo='u' port=8 path='/p' query='q' fragment='f'";
 
@@ -103,15 +100,21 @@ std::vector<VrkAllocCall> Logged(Run run) {
   return calls;
 }
 
+// The bytes each allocation of `calls` asked for, in order.
+std::vector<uint32_t> Requests(const std::vector<VrkAllocCall>& calls) {
+  std::vector<uint32_t> bytes;
+  for (const VrkAllocCall& c : calls)
+    if (c.op != VRKALLOC_PFREE) bytes.push_back(c.op == VRKALLOC_PCALLOC ? c.a * c.b : c.a);
+  return bytes;
+}
+
 TEST(UriMemory, EachRefusedAllocation) {
   for (const Scenario& s : Scenarios()) {
     SCOPED_TRACE(s.name);
     const uint32_t live = vrk::test::LiveBlocks();
     // The run without failures: its requests, in order and exact sizes.
     std::string result;
-    std::vector<uint32_t> requested;
-    for (const VrkAllocCall& call : Logged([&] { result = Described(s.function(s.input)); }))
-      if (call.op != VRKALLOC_PFREE) requested.push_back(BytesOf(call));
+    const auto requested = Requests(Logged([&] { result = Described(s.function(s.input)); }));
     EXPECT_EQ(result, s.result);
     ASSERT_EQ(requested.size(), s.steps.size());
     for (size_t n = 0; n < s.steps.size(); ++n) {
@@ -158,11 +161,9 @@ TEST(UriMemory, BlocksAreExactlySized) {
 // An escaped span is sized by its raw length, not by what it decodes to.
 TEST(UriMemory, EscapedSpansSizeTheirBlocks) {
   std::string result;
-  std::vector<uint32_t> sizes;
-  for (const VrkAllocCall& call : Logged([&] { result = Described(URI_Parse("http://%41b@h.example/%41%42/?%43#%44%00x")); }))
-    if (call.op != VRKALLOC_PFREE) sizes.push_back(BytesOf(call));
+  EXPECT_EQ(Requests(Logged([&] { result = Described(URI_Parse("http://%41b@h.example/%41%42/?%43#%44%00x")); })),
+            (std::vector<uint32_t>{40, 5, 6, 10, 9, 4, 8}));
   EXPECT_EQ(result, "scheme='http' host='h.example' userinfo='Ab' path='/AB/' query='C' fragment='D'");
-  EXPECT_EQ(sizes, (std::vector<uint32_t>{40, 5, 6, 10, 9, 4, 8}));
 }
 
 TEST(UriMemory, EveryAllocationRefusedInTurn) {
