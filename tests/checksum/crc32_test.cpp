@@ -3,7 +3,6 @@
 // independent bitwise computation on random lengths and alignments.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 
 #include "tests/checksum/crc_reference.h"
@@ -16,31 +15,19 @@ using vrk::test::ReferenceCrc32;
 
 const unsigned char kDigits[] = "123456789";
 
-TEST(Crc32, CheckValues) {
+TEST(Crc32, CheckValuesAndZeroLength) {
   EXPECT_EQ(CRC32_Mem(kDigits, 0, 9), 0x2DFD2D88u);
   EXPECT_EQ(CRC32_Mem(kDigits, 0xFFFFFFFFu, 9) ^ 0xFFFFFFFFu, 0xCBF43926u);
-}
-
-TEST(Crc32, ZeroLengthReturnsStartAndReadsNothing) {
-  for (uint32_t start : {0u, 1u, 0xFFFFFFFFu, 0x12345678u}) {
-    EXPECT_EQ(CRC32_Mem(nullptr, start, 0), start);
-  }
-}
-
-TEST(Crc32, ZeroBytesFromZeroStayZero) {
-  const std::vector<uint8_t> zeros(70000, 0);
-  for (uint32_t n : {1u, 63u, 64u, 1000u, 4096u, 70000u}) EXPECT_EQ(CRC32_Mem(zeros.data(), 0, n), 0u) << n;
+  // Nothing is read for no bytes, so a null pointer is fine.
+  for (uint32_t start : {0u, 1u, 0xFFFFFFFFu, 0x12345678u}) EXPECT_EQ(CRC32_Mem(nullptr, start, 0), start);
 }
 
 TEST(Crc32, ByteStep) {
-  EXPECT_EQ(GET1CRC32(0, 1), 0x77073096u);
-  EXPECT_EQ(GET1CRC32(0, 255), 0x2D02EF8Du);
   std::mt19937 rng(7);
   for (int i = 0; i < 2000; ++i) {
     const uint32_t crc = rng();
     const uint8_t byte = uint8_t(rng());
     ASSERT_EQ(GET1CRC32(crc, byte), ReferenceCrc32(&byte, 1, crc));
-    ASSERT_EQ(GET1CRC32(crc, byte), CRC32_Mem(&byte, crc, 1));
   }
 }
 

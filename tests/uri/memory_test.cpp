@@ -13,7 +13,7 @@
 
 namespace {
 
-using vrk::test::Describe;
+using vrk::test::Described;
 
 using Function = URI_Record* (*)(const char*);
 
@@ -32,9 +32,6 @@ struct Scenario {
   std::vector<Step> steps;
 };
 
-uint32_t BytesOf(const VrkAllocCall& call) {
-  return call.op == VRKALLOC_PCALLOC ? call.a * call.b : call.a;
-}
 
 const char kFull[] = "scheme='http' host='h.example' userinfo='u' port=8 path='/p' query='q' fragment='f'";
 
@@ -92,54 +89,56 @@ std::vector<Scenario> Scenarios() {
   };
 }
 
+// The allocator calls made while `run` executes.
+template <typename Run>
+std::vector<VrkAllocCall> Logged(Run run) {
+  vrkalloc_log_enable(1);
+  run();
+  vrkalloc_log_enable(0);
+  std::vector<VrkAllocCall> calls;
+  for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) calls.push_back(*vrkalloc_log_at(i));
+  return calls;
+}
+
+// The bytes each allocation of `calls` asked for, in order.
+std::vector<uint32_t> Requests(const std::vector<VrkAllocCall>& calls) {
+  std::vector<uint32_t> bytes;
+  for (const VrkAllocCall& c : calls)
+    if (c.op != VRKALLOC_PFREE) bytes.push_back(c.op == VRKALLOC_PCALLOC ? c.a * c.b : c.a);
+  return bytes;
+}
+
 TEST(UriMemory, EachRefusedAllocation) {
   for (const Scenario& s : Scenarios()) {
     SCOPED_TRACE(s.name);
     const uint32_t live = vrk::test::LiveBlocks();
-
     // The run without failures: its requests, in order and exact sizes.
-    vrkalloc_log_enable(1);
-    URI_Record* r = s.function(s.input);
-    vrkalloc_log_enable(0);
-    EXPECT_EQ(Describe(r), s.result);
-    URI_Free(r);
-    std::vector<uint32_t> requested;
-    for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) {
-      const VrkAllocCall& call = *vrkalloc_log_at(i);
-      if (call.op != VRKALLOC_PFREE) requested.push_back(BytesOf(call));
-    }
+    std::string result;
+    const auto requested = Requests(Logged([&] { result = Described(s.function(s.input)); }));
+    EXPECT_EQ(result, s.result);
     ASSERT_EQ(requested.size(), s.steps.size());
-
     for (size_t n = 0; n < s.steps.size(); ++n) {
       SCOPED_TRACE("request " + std::to_string(n + 1));
       EXPECT_EQ(requested[n], s.steps[n].bytes);
       vrkalloc_fail_nth(uint32_t(n + 1));
-      r = s.function(s.input);
+      EXPECT_EQ(Described(s.function(s.input)), s.steps[n].on_refusal);
       vrkalloc_fail_nth(0);
-      EXPECT_EQ(Describe(r), s.steps[n].on_refusal);
-      URI_Free(r);
       EXPECT_EQ(vrk::test::LiveBlocks(), live);
     }
   }
 }
 
 // Every text block holds exactly its component and terminator, the userinfo
-// one byte more (it is decoded with its "@"); URI_Free releases the texts
-// and then the record.
+// one byte more (it is decoded with its "@"); the record is one zeroed block,
+// and URI_Free releases the texts and then the record.
 TEST(UriMemory, BlocksAreExactlySized) {
-  const char* const kInputs[] = {
-      "http://user:pw@host.example:8080/a/b;p?x=1#top", "urn:isbn:0451450523", "http://a.example:80x",
-      "host.example/a?q#", "file:///", "//h.example:1/",
-  };
-  for (const char* input : kInputs) {
+  for (const char* input : {"http://user:pw@host.example:8080/a/b;p?x=1#top", "urn:isbn:0451450523",
+                            "http://a.example:80x", "host.example/a?q#", "file:///", "//h.example:1/"}) {
     SCOPED_TRACE(input);
-    vrkalloc_log_enable(1);
-    URI_Record* r = URI_Parse(input);
+    URI_Record* r = nullptr;
+    const auto calls = Logged([&] { r = URI_Parse(input); });
     ASSERT_NE(r, nullptr);
-    std::vector<VrkAllocCall> calls;
-    for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) calls.push_back(*vrkalloc_log_at(i));
-
-    // The size each text of the record was allocated with.
+    EXPECT_TRUE(calls[0].op == VRKALLOC_PCALLOC && calls[0].a == 1 && calls[0].b == sizeof(URI_Record));
     uint32_t texts = 0;
     for (char* URI_Record::*field : {&URI_Record::scheme, &URI_Record::opaque, &URI_Record::reg_name,
                                      &URI_Record::host, &URI_Record::userinfo, &URI_Record::path,
@@ -152,43 +151,26 @@ TEST(UriMemory, BlocksAreExactlySized) {
       EXPECT_EQ(made->op, VRKALLOC_PMALLOC) << text;
       EXPECT_EQ(made->a, std::strlen(text) + (field == &URI_Record::userinfo ? 2 : 1)) << text;
     }
-    EXPECT_EQ(calls[0].op, VRKALLOC_PCALLOC);
-    EXPECT_EQ(calls[0].a, 1u);
-    EXPECT_EQ(calls[0].b, sizeof(URI_Record));
-
-    const uint32_t before_free = vrkalloc_log_size();
-    URI_Free(r);
-    ASSERT_EQ(vrkalloc_log_size() - before_free, texts + 1);
-    for (uint32_t i = before_free; i < vrkalloc_log_size(); ++i) EXPECT_EQ(vrkalloc_log_at(i)->op, VRKALLOC_PFREE);
-    EXPECT_EQ(vrkalloc_log_at(vrkalloc_log_size() - 1)->block, r);
-    vrkalloc_log_enable(0);
+    const auto frees = Logged([&] { URI_Free(r); });
+    ASSERT_EQ(frees.size(), texts + 1);
+    for (const VrkAllocCall& call : frees) EXPECT_EQ(call.op, VRKALLOC_PFREE);
+    EXPECT_EQ(frees.back().block, r);
   }
 }
 
 // An escaped span is sized by its raw length, not by what it decodes to.
 TEST(UriMemory, EscapedSpansSizeTheirBlocks) {
-  vrkalloc_log_enable(1);
-  URI_Record* r = URI_Parse("http://%41b@h.example/%41%42/?%43#%44%00x");
-  std::vector<uint32_t> sizes;
-  for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) sizes.push_back(BytesOf(*vrkalloc_log_at(i)));
-  vrkalloc_log_enable(0);
-  EXPECT_EQ(Describe(r), "scheme='http' host='h.example' userinfo='Ab' path='/AB/' query='C' fragment='D'");
-  URI_Free(r);
-  EXPECT_EQ(sizes, (std::vector<uint32_t>{40, 5, 6, 10, 9, 4, 8}));
-}
-
-TEST(UriMemory, NothingWhenEveryAllocationIsRefused) {
-  vrkalloc_fail_all(1);
-  EXPECT_EQ(URI_Parse("http://host.example/"), nullptr);
-  EXPECT_EQ(URI_GetServer("http://host.example/"), nullptr);
-  EXPECT_EQ(URI_Parse(""), nullptr);
-  vrkalloc_fail_all(0);
+  std::string result;
+  EXPECT_EQ(Requests(Logged([&] { result = Described(URI_Parse("http://%41b@h.example/%41%42/?%43#%44%00x")); })),
+            (std::vector<uint32_t>{40, 5, 6, 10, 9, 4, 8}));
+  EXPECT_EQ(result, "scheme='http' host='h.example' userinfo='Ab' path='/AB/' query='C' fragment='D'");
 }
 
 TEST(UriMemory, EveryAllocationRefusedInTurn) {
-  // Broader than the scenarios above: no leak, no crash, whatever is refused.
+  // Broader than the scenarios above: no leak, no crash, whatever is refused
+  // (the empty text included: it still needs its record).
   const char* const kInputs[] = {
-      "http://u:p@h.example:80/a/b;c?d#e", "h.example/a/b", "//h.example/x?y#z", "u@h.example:1",
+      "", "http://u:p@h.example:80/a/b;c?d#e", "h.example/a/b", "//h.example/x?y#z", "u@h.example:1",
       "mailto:a@b.example", "http://1.2.3.4.5/", "http://u@a..b/x", "a/b/c?x", "10.0.0.1/",
   };
   const uint32_t live = vrk::test::LiveBlocks();

@@ -1,33 +1,20 @@
 // URI_GetServer: only the scheme and the authority are read.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "uri_test_util.h"
 
 namespace {
 
+using vrk::test::Check;
 using vrk::test::Server;
 
-struct Case {
-  const char* input;
-  const char* expected;
-};
-
-TEST(UriServer, AbsentAndEmptyText) {
-  EXPECT_EQ(URI_GetServer(nullptr), nullptr);
-  EXPECT_EQ(Server(""), "{}");
-}
-
 TEST(UriServer, Table) {
-  const Case kCases[] = {
+  EXPECT_EQ(URI_GetServer(nullptr), nullptr);
+  Check({
+      {"", "{}"},
       // Nothing after the authority is stored or checked.
       {"http://user:pw@host.example:8080/a?b#c", "scheme='http' host='host.example' userinfo='user:pw' port=8080"},
       {"http://host.example/a b", "scheme='http' host='host.example'"},
-      {"http://host.example?q", "scheme='http' host='host.example'"},
-      {"HTTP://Host.Example", "scheme='HTTP' host='Host.Example'"},
-      {"http://localhost", "scheme='http' host='localhost'"},
-      {"http://10.1.2.3", "scheme='http' host='10.1.2.3'"},
       {"file:///a", "scheme='file'"},
       {"http://", "null"},
       // A server must end the authority; anything else makes a registry name.
@@ -38,13 +25,10 @@ TEST(UriServer, Table) {
       {"http:// ", "null"},
       // The scheme must be followed by "//" or two backslashes.
       {"http:/x", "null"},
-      {"http:\\x", "null"},
-      {"http:/\\x", "null"},
       {"host.example:8080", "null"},
       {"urn:a:b", "null"},
       // Without a scheme: behind "http://", and the server name needs an
       // inner dot, in the host or in the registry name.
-      {"host.example/a", "scheme='http' host='host.example'"},
       {"host.example/a b", "scheme='http' host='host.example'"},
       {"user@host.example", "scheme='http' host='host.example' userinfo='user'"},
       {"user:pw@host.example", "null"},
@@ -52,7 +36,6 @@ TEST(UriServer, Table) {
       {"host.", "null"},
       {"a.b.", "scheme='http' host='a.b.'"},
       {"host.example extra", "scheme='http' reg_name='host.example'"},
-      {"localhost extra", "null"},
       {"a..b", "scheme='http' reg_name='a..b'"},
       {"host.example#x", "scheme='http' reg_name='host.example'"},
       // The text must begin with a letter.
@@ -60,11 +43,7 @@ TEST(UriServer, Table) {
       {"/a", "null"},
       {"//host.example", "null"},
       {"-a.example", "null"},
-  };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.input);
-    EXPECT_EQ(Server(c.input), c.expected);
-  }
+  }, Server);
 }
 
 }  // namespace

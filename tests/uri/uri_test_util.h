@@ -2,9 +2,11 @@
 // tables compare against, and parses with chosen allocations refused.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <initializer_list>
 #include <string>
 
 #include "vrk_standin_ctl.h"
@@ -18,60 +20,44 @@ namespace vrk::test {
 inline std::string Describe(const URI_Record* r) {
   if (!r) return "null";
   std::string out;
-  auto text = [&](const char* name, const char* value) {
-    if (!value) return;
-    if (!out.empty()) out += ' ';
-    out += name;
-    out += "='";
-    for (const char* p = value; *p; ++p) {
+  auto field = [&](const char* name, const char* text, long long number) {
+    if (text == nullptr && number == 0) return;
+    out += (out.empty() ? "" : " ") + std::string(name) + (text ? "='" : "=");
+    if (!text) out += std::to_string(number);
+    for (const char* p = text; p && *p; ++p) {
       const auto c = static_cast<unsigned char>(*p);
-      if (c == '\'' || c == '\\') {
-        out += '\\';
-        out += char(c);
-      } else if (c < 0x20 || c >= 0x7f) {
-        char hex[8];
+      char hex[8];
+      if (c < 0x20 || c >= 0x7f) {
         std::snprintf(hex, sizeof hex, "\\x%02x", c);
         out += hex;
-      } else {
-        out += char(c);
+        continue;
       }
+      if (c == '\'' || c == '\\') out += '\\';
+      out += char(c);
     }
-    out += '\'';
+    if (text) out += '\'';
   };
-  auto number = [&](const char* name, long long value) {
-    if (value == 0) return;
-    if (!out.empty()) out += ' ';
-    out += name;
-    out += '=';
-    out += std::to_string(value);
-  };
-  text("scheme", r->scheme);
-  text("opaque", r->opaque);
-  text("reg_name", r->reg_name);
-  text("host", r->host);
-  text("userinfo", r->userinfo);
-  number("port", r->port);
-  text("path", r->path);
-  text("query", r->query);
-  text("fragment", r->fragment);
-  number("flags", r->flags);
+  field("scheme", r->scheme, 0);
+  field("opaque", r->opaque, 0);
+  field("reg_name", r->reg_name, 0);
+  field("host", r->host, 0);
+  field("userinfo", r->userinfo, 0);
+  field("port", nullptr, r->port);
+  field("path", r->path, 0);
+  field("query", r->query, 0);
+  field("fragment", r->fragment, 0);
+  field("flags", nullptr, r->flags);
   return out.empty() ? "{}" : out;
 }
 
-// Parses, describes and releases.
-inline std::string Parsed(const std::string& text) {
-  URI_Record* r = URI_Parse(text.c_str());
+// Describes and releases a record.
+inline std::string Described(URI_Record* r) {
   std::string d = Describe(r);
   URI_Free(r);
   return d;
 }
-
-inline std::string Server(const std::string& text) {
-  URI_Record* r = URI_GetServer(text.c_str());
-  std::string d = Describe(r);
-  URI_Free(r);
-  return d;
-}
+inline std::string Parsed(const std::string& text) { return Described(URI_Parse(text.c_str())); }
+inline std::string Server(const std::string& text) { return Described(URI_GetServer(text.c_str())); }
 
 // The record of the first reading alone: a reference without a scheme is
 // returned as it was read when the copy behind "http://" (text length + 8
@@ -83,6 +69,16 @@ inline std::string FirstReading(const std::string& text) {
   std::string d = Parsed(text);
   vrkalloc_fail_size(0, 0);
   return d;
+}
+
+// A table of texts and the record each gives, written as Describe() prints it.
+struct Case {
+  const char* input;
+  const char* expected;
+};
+
+inline void Check(std::initializer_list<Case> cases, std::string (*read)(const std::string&) = Parsed) {
+  for (const Case& c : cases) EXPECT_EQ(read(c.input), c.expected) << "input: " << c.input;
 }
 
 }  // namespace vrk::test
