@@ -10,6 +10,19 @@ namespace {
 
 bool StartsWithTwo(const char* p, char c) { return p[0] == c && p[1] == c; }
 
+// [ "?" query ]: a query that cannot be kept is left absent, never a failure.
+void ScanOptionalQuery(URI_Record* record, const char** p) {
+  if (**p != '?') return;
+  ++*p;
+  (void)URI_ScanQuery(record, p);
+}
+
+// The rest of an abs_path once its slash is read: path_segments
+int ScanAbsPathRest(URI_Record* record, const char** p) {
+  ++*p;
+  return URI_ScanPathSegments(record, p);
+}
+
 }  // namespace
 
 uint32_t URI_IsNoBreakSpace(const char* position) {
@@ -42,21 +55,14 @@ int URI_ParseHierPart(URI_Record* record, const char** cursor) {
   if (StartsWithTwo(p, '/') || StartsWithTwo(p, '\\')) {
     p += 2;
     if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
-    if (*p == '/') {
-      ++p;
-      rc = URI_ScanPathSegments(record, &p);
-    }
+    if (*p == '/') rc = ScanAbsPathRest(record, &p);
   } else if (*p == '/') {
-    ++p;
-    rc = URI_ScanPathSegments(record, &p);
+    rc = ScanAbsPathRest(record, &p);
   } else {
     return code::kLoneBackslash;
   }
   if (rc != code::kOk) return rc;
-  if (*p == '?') {
-    ++p;
-    (void)URI_ScanQuery(record, &p);
-  }
+  ScanOptionalQuery(record, &p);
   *cursor = p;
   return code::kOk;
 }
@@ -72,25 +78,15 @@ int URI_ParseRelative(URI_Record* record, const char** cursor) {
   if (StartsWithTwo(p, '/')) {
     p += 2;
     if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
-    if (*p == '/') {
-      ++p;
-      rc = URI_ScanPathSegments(record, &p);
-    }
+    if (*p == '/') rc = ScanAbsPathRest(record, &p);
   } else if (*p == '/') {
-    ++p;
-    rc = URI_ScanPathSegments(record, &p);
+    rc = ScanAbsPathRest(record, &p);
   } else if (*p != '#' && *p != '?') {
     if (int seg = URI_ScanRelSegment(record, &p); seg != code::kOk) return seg;
-    if (*p == '/') {
-      ++p;
-      rc = URI_ScanPathSegments(record, &p);
-    }
+    if (*p == '/') rc = ScanAbsPathRest(record, &p);
   }
   if (rc != code::kOk) return code::kFailed;
-  if (*p == '?') {
-    ++p;
-    (void)URI_ScanQuery(record, &p);
-  }
+  ScanOptionalQuery(record, &p);
   *cursor = p;
   return code::kOk;
 }
