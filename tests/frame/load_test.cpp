@@ -15,6 +15,7 @@
 #include <string>
 
 #include "support/child_process.h"
+#include "support/codepage_rows.h"
 #include "vrk_standin_ctl.h"
 
 namespace {
@@ -181,16 +182,6 @@ TEST(Load, RegistersOnceBeforeAnyAllocation) {
   });
 }
 
-// Every name of the table, read from the library's own data file.
-struct Row {
-  int32_t codepage;
-  const char* name;
-};
-constexpr Row kRows[] = {
-#define VRK_CODEPAGE(number, name) {number, name},
-#include "text/codepage_table.inc"
-#undef VRK_CODEPAGE
-};
 
 TEST(Load, RefusedCodePageCopiesFallBackToScans) {
   struct Case {
@@ -214,7 +205,7 @@ TEST(Load, RefusedCodePageCopiesFallBackToScans) {
       CHILD_CHECK(std::strcmp(lib.get_cp_name(65001), c.name_65001) == 0);
       CHILD_CHECK(std::strcmp(lib.get_cp_name(-1), "LAST") == 0);
       CHILD_CHECK(lib.get_cp_name(0) == nullptr);
-      for (const Row& row : kRows) {
+      for (const vrk::test::CodePageRow& row : vrk::test::kCodePageRows) {
         if (row.codepage != -1) CHILD_CHECK(lib.get_cp(row.name) == row.codepage);
       }
       CHILD_CHECK(lib.get_cp("UTF-8") == 65001);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/codepage_rows.h"
 #include "text_support.h"
 #include "vrk_standin_ctl.h"
 #include "vrk_text.h"
@@ -205,17 +206,6 @@ TEST(CharconvToUtf8, FailuresLeaveTextAlone) {
   charconv_FreeBuffer(&text);
 }
 
-struct RegistryRow {
-  int32_t codepage;
-  const char* name;
-};
-
-constexpr RegistryRow kRegistry[] = {
-#define VRK_CODEPAGE(number, name) {number, name},
-#include "text/codepage_table.inc"
-#undef VRK_CODEPAGE
-};
-
 // Names taken from the code-page registry go to iconv unchanged. Whichever
 // of them the platform knows must carry capitals and digits there and back
 // (the text ends in a newline: a decoder that holds a letter back in case an
@@ -223,7 +213,7 @@ constexpr RegistryRow kRegistry[] = {
 // common ones must be among them.
 TEST(CharconvRegistry, NamesFromTheRegistry) {
   int known = 0;
-  for (const RegistryRow& row : kRegistry) {
+  for (const vrk::test::CodePageRow& row : vrk::test::kCodePageRows) {
     charconv_t* conv = charconv_open(row.name, "utf-8");
     if (conv == nullptr) continue;
     EXPECT_EQ(charconv_close(conv), 0);

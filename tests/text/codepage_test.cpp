@@ -7,21 +7,13 @@
 #include <cctype>
 #include <string>
 
+#include "support/codepage_rows.h"
 #include "vrk_text.h"
 
 namespace {
 
-struct Row {
-  int32_t codepage;
-  const char* name;  // null: an unknown number
-};
-
-// The library's own rows, read from its data file.
-constexpr Row kRows[] = {
-#define VRK_CODEPAGE(number, name) {number, name},
-#include "text/codepage_table.inc"
-#undef VRK_CODEPAGE
-};
+using Row = vrk::test::CodePageRow;
+constexpr const auto& kRows = vrk::test::kCodePageRows;
 
 std::string MixCase(const char* name, unsigned pattern) {
   std::string s = name;

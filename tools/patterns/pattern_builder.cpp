@@ -1,6 +1,7 @@
 // The pattern-table builder: readable patterns to records, buckets, index
 // and bitmap.
 #include "pattern_builder.h"
+#include "text_lines.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -22,7 +23,6 @@ int HexValue(char c) {
   return -1;
 }
 
-bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 std::string Hex(uint8_t b) {
   char s[8];
@@ -79,7 +79,7 @@ bool ParsePattern(std::string_view text, std::vector<Element>& out, std::string&
   size_t i = 0;
   while (i < text.size()) {
     const char c = text[i];
-    if (IsSpace(c)) {
+    if (IsBlank(c)) {
       ++i;
     } else if (c == '{') {
       ++i;
@@ -236,20 +236,11 @@ bool BuildTable(const std::vector<PatternSource>& patterns, Table& out, std::str
 }
 
 bool ParsePatternList(std::string_view text, std::vector<PatternSource>& out, std::string& error) {
-  size_t line_number = 0;
-  while (!text.empty()) {
-    const size_t eol = text.find('\n');
-    std::string_view line = text.substr(0, eol);
-    text = eol == std::string_view::npos ? std::string_view() : text.substr(eol + 1);
-    ++line_number;
-    if (const size_t hash = line.find('#'); hash != std::string_view::npos) line = line.substr(0, hash);
-    while (!line.empty() && IsSpace(line.front())) line.remove_prefix(1);
-    while (!line.empty() && IsSpace(line.back())) line.remove_suffix(1);
-    if (line.empty()) continue;
+  return ForEachContentLine(text, [&](std::string_view line, size_t line_number) {
     PatternSource source;
     if (const size_t colon = line.find(':'); colon != std::string_view::npos) {
       std::string_view name = line.substr(0, colon);
-      while (!name.empty() && IsSpace(name.back())) name.remove_suffix(1);
+      while (!name.empty() && IsBlank(name.back())) name.remove_suffix(1);
       if (name.empty()) {
         error = "line " + std::to_string(line_number) + ": empty pattern name before ':'";
         return false;
@@ -261,8 +252,8 @@ bool ParsePatternList(std::string_view text, std::vector<PatternSource>& out, st
       source.text = std::string(line);
     }
     out.push_back(std::move(source));
-  }
-  return true;
+    return true;
+  });
 }
 
 bool ReadPatternFile(const std::string& path, std::vector<PatternSource>& out, std::string& error) {

@@ -1,6 +1,8 @@
 // Reading signature databases.
 #include "scan/database.h"
 
+#include "patterns/text_lines.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,19 +17,14 @@ bool IsNameChar(char c) {
          c == '-' || c == '/' || c == ':';
 }
 
-std::string_view Trim(std::string_view s) {
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r')) s.remove_prefix(1);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.remove_suffix(1);
-  return s;
-}
 
 // Splits off the first whitespace-separated word.
 std::string_view NextWord(std::string_view& s) {
-  s = Trim(s);
+  s = patterns::TrimBlanks(s);
   size_t end = 0;
   while (end < s.size() && s[end] != ' ' && s[end] != '\t') ++end;
   std::string_view word = s.substr(0, end);
-  s = Trim(s.substr(end));
+  s = patterns::TrimBlanks(s.substr(end));
   return word;
 }
 
@@ -91,15 +88,7 @@ std::string ParseLine(std::string_view line, Signature& sig) {
 
 bool ParseDatabase(std::string_view text, const std::string& source, Database& db, std::string& error) {
   std::vector<Signature> parsed;
-  unsigned line_number = 0;
-  while (!text.empty()) {
-    const size_t eol = text.find('\n');
-    std::string_view line = text.substr(0, eol);
-    text = eol == std::string_view::npos ? std::string_view() : text.substr(eol + 1);
-    ++line_number;
-    if (const size_t hash = line.find('#'); hash != std::string_view::npos) line = line.substr(0, hash);
-    line = Trim(line);
-    if (line.empty()) continue;
+  const bool ok = patterns::ForEachContentLine(text, [&](std::string_view line, size_t line_number) {
     Signature sig;
     sig.origin = source + ":" + std::to_string(line_number);
     if (std::string message = ParseLine(line, sig); !message.empty()) {
@@ -107,7 +96,9 @@ bool ParseDatabase(std::string_view text, const std::string& source, Database& d
       return false;
     }
     parsed.push_back(std::move(sig));
-  }
+    return true;
+  });
+  if (!ok) return false;
   db.signatures.insert(db.signatures.end(), std::make_move_iterator(parsed.begin()),
                        std::make_move_iterator(parsed.end()));
   return true;
