@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace vrk::checksum {
@@ -33,12 +34,12 @@ constexpr uint32_t Crc32Step(uint32_t crc, uint8_t byte) { return (crc >> 8) ^ k
 
 // Slicing tables: entry k of table s is the register after byte k followed
 // by s zero bytes, so 8 bytes are folded with 8 independent lookups.
-inline constexpr int kSlices = 8;
+inline constexpr std::size_t kSlices = 8;
 
 consteval std::array<Crc32Table, kSlices> MakeSlicingTables() {
   std::array<Crc32Table, kSlices> t{};
   t[0] = kCrc32Table;
-  for (int s = 1; s < kSlices; ++s) {
+  for (std::size_t s = 1; s < kSlices; ++s) {
     for (uint32_t k = 0; k < 256; ++k) t[s][k] = (t[s - 1][k] >> 8) ^ kCrc32Table[t[s - 1][k] & 0xFFu];
   }
   return t;

@@ -9,7 +9,7 @@
 # Compile flags of code that ends up inside libVrkutil.so: nothing may need
 # the C++ runtime library at run time, and nothing is visible unless marked.
 set(VRK_LIBRARY_CXX_FLAGS
-  -fvisibility=hidden -fvisibility-inlines-hidden
+  ${VRK_STRICT_FLAGS} -fvisibility=hidden -fvisibility-inlines-hidden
   -fno-exceptions -fno-rtti -fno-threadsafe-statics
   $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 
@@ -18,7 +18,7 @@ function(vrk_family name)
   add_library(vrk_${name} OBJECT ${F_SOURCES})
   target_compile_options(vrk_${name} PRIVATE
     $<$<COMPILE_LANGUAGE:CXX>:${VRK_LIBRARY_CXX_FLAGS}>
-    $<$<COMPILE_LANGUAGE:C>:-fvisibility=hidden>)
+    $<$<COMPILE_LANGUAGE:C>:-fvisibility=hidden ${VRK_STRICT_FLAGS}>)
   target_include_directories(vrk_${name} PUBLIC
     ${PROJECT_SOURCE_DIR}/include
     ${PROJECT_SOURCE_DIR}/platform/include)

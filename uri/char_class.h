@@ -44,8 +44,8 @@ class CharSet {
   }
   constexpr CharSet Combine(const CharSet& other, bool remove) const {
     CharSet out;
-    for (int i = 0; i < 8; ++i) out.bits_[i] = remove ? bits_[i] & ~other.bits_[i] : bits_[i] | other.bits_[i];
-    for (int c = 0; c < 256; ++c) out.member_[c] = c != '%' && ((out.bits_[c >> 5] >> (c & 31)) & 1u);
+    for (std::size_t i = 0; i < 8; ++i) out.bits_[i] = remove ? bits_[i] & ~other.bits_[i] : bits_[i] | other.bits_[i];
+    for (std::size_t c = 0; c < 256; ++c) out.member_[c] = c != '%' && ((out.bits_[c >> 5] >> (c & 31)) & 1u);
     return out;
   }
 

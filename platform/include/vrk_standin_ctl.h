@@ -84,7 +84,9 @@ VrkModuleVersionRecord vrkalloc_module_version(void);
 enum VrkVFileMode { VRKVFILE_COPY = 0, VRKVFILE_IN_MEMORY = 1 };
 
 /* Opens a real file. In VRKVFILE_IN_MEMORY mode its whole contents are read
- * at open. Null when the file cannot be opened or read. */
+ * at open. Null when the file cannot be opened or read, with errno saying
+ * why: the open's own reason, EISDIR for a directory, EINVAL for something
+ * that is not a regular file, EFBIG for 4 GiB - 1 bytes or more. */
 VFileHandle vrkvfile_open_path(const char *path, int mode);
 /* Opens a memory buffer, which is referenced, not copied: it must outlive
  * the handle. In VRKVFILE_IN_MEMORY mode VReadPtr points into it. */

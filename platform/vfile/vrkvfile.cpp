@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <algorithm>
 #include <cstring>
@@ -36,9 +37,13 @@ struct VFile {
 pthread_mutex_t g_count_mutex = PTHREAD_MUTEX_INITIALIZER;
 uint32_t g_open = 0;
 
-void CountOpen(int delta) {
+void CountOpen(bool opened) {
   pthread_mutex_lock(&g_count_mutex);
-  g_open += delta;
+  if (opened) {
+    ++g_open;
+  } else {
+    --g_open;
+  }
   pthread_mutex_unlock(&g_count_mutex);
 }
 
@@ -68,7 +73,7 @@ VFile *NewFile(int mode) {
   if (!f) return nullptr;
   *f = VFile{};
   f->mode = (mode == VRKVFILE_IN_MEMORY) ? VRKVFILE_IN_MEMORY : VRKVFILE_COPY;
-  CountOpen(1);
+  CountOpen(true);
   return f;
 }
 
@@ -88,7 +93,10 @@ uint32_t CopyOut(VFile *f, void *dst, uint32_t bytes) {
   }
   uint32_t done = 0;
   while (done < bytes) {
-    ssize_t n = pread(f->fd, static_cast<char *>(dst) + done, bytes - done, off_t(f->position) + done);
+    // off_t is 64 bits wide here (see the build), so positions past 2 GiB
+    // are read correctly.
+    const ssize_t n = pread(f->fd, static_cast<char *>(dst) + done, bytes - done,
+                            static_cast<off_t>(f->position) + static_cast<off_t>(done));
     if (n <= 0) break;
     done += uint32_t(n);
   }
@@ -100,11 +108,24 @@ uint32_t CopyOut(VFile *f, void *dst, uint32_t bytes) {
 extern "C" {
 
 VFileHandle vrkvfile_open_path(const char *path, int mode) {
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return nullptr;
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nullptr;  // errno says why
   struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || uint64_t(st.st_size) >= 0xffffffffu) {
+  int why = 0;
+  if (fstat(fd, &st) != 0) {
+    why = errno;
+  } else if (S_ISDIR(st.st_mode)) {
+    why = EISDIR;
+  } else if (!S_ISREG(st.st_mode)) {
+    why = EINVAL;
+  } else if (static_cast<uint64_t>(st.st_size) > 0xfffffffeu) {
+    // Lengths and positions of the interface are 32-bit; 0xffffffff is the
+    // error answer of VFilelength.
+    why = EFBIG;
+  }
+  if (why != 0) {
     close(fd);
+    errno = why;
     return nullptr;
   }
   VFile *f = NewFile(mode);
@@ -148,7 +169,7 @@ void vrkvfile_close(VFileHandle handle) {
   std::free(f->log);
   f->magic = 0;
   std::free(f);
-  CountOpen(-1);
+  CountOpen(false);
 }
 
 uint32_t vrkvfile_open_count(void) {

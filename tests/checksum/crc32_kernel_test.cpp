@@ -48,7 +48,7 @@ TEST_P(Crc32Kernel, EveryLengthUpTo4096) {
 TEST_P(Crc32Kernel, LongBuffersAndSpecialContents) {
   std::vector<uint8_t> data = vrk::test::RandomBytes(200000, 13);
   EXPECT_EQ(GetParam().crc(data.data() + 1, 0xFFFFFFFFu, 199999), Bitwise(data.data() + 1, 0xFFFFFFFFu, 199999));
-  for (uint8_t fill : {0x00, 0xFF, 0x80}) {
+  for (const uint8_t fill : {uint8_t{0x00}, uint8_t{0xFF}, uint8_t{0x80}}) {
     std::fill(data.begin(), data.end(), fill);
     EXPECT_EQ(GetParam().crc(data.data(), 0x12345678u, 100000), Bitwise(data.data(), 0x12345678u, 100000));
   }
@@ -70,7 +70,7 @@ INSTANTIATE_TEST_SUITE_P(All, Crc32Kernel,
                                          KernelCase{"clmul", Crc32Clmul, Crc32Blocks64Clmul, 1},
                                          KernelCase{"vclmul", Crc32Vclmul, Crc32Blocks64Clmul, 2},
                                          KernelCase{"chosen", Crc32, Crc32Blocks64, 0}),
-                         [](const testing::TestParamInfo<KernelCase>& info) { return info.param.name; });
+                         [](const testing::TestParamInfo<KernelCase>& p) { return p.param.name; });
 
 TEST(Crc32Zeros, ChainsBlockRegisters) {
   const auto data = vrk::test::RandomBytes(64, 15);

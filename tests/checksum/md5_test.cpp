@@ -181,8 +181,8 @@ TEST_P(Md5File, ReadErrorEndsTheDigestQuietly) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, Md5File, testing::Values(VRKVFILE_COPY, VRKVFILE_IN_MEMORY),
-                         [](const testing::TestParamInfo<int>& info) {
-                           return info.param == VRKVFILE_COPY ? "Copy" : "InMemory";
+                         [](const testing::TestParamInfo<int>& p) {
+                           return p.param == VRKVFILE_COPY ? "Copy" : "InMemory";
                          });
 
 }  // namespace

@@ -144,6 +144,7 @@ class PeWriter {
       if (placed(i)) end = std::max<uint32_t>(end, sections[i].PointerToRawData + uint32_t(raw[i].size()));
     }
     std::vector<uint8_t> out(end, 0);
+    if (out.size() < 0x40) return out;  // never: the NT headers lie past 0x40
     std::memcpy(out.data(), &dos_magic, 2);
     std::memcpy(out.data() + 0x3C, &lfanew, 4);
     std::memcpy(out.data() + nt_at, &nt, sizeof nt);

@@ -97,7 +97,7 @@ class Progress {
     while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return done_; })) {
       const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       if (seconds < 1.0) continue;
-      std::fprintf(stderr, "\r\033[K%llu files, %.0f files/s, %.1f MB/s", (unsigned long long)files_.load(),
+      std::fprintf(stderr, "\r\033[K%llu files, %.0f files/s, %.1f MB/s", static_cast<unsigned long long>(files_.load()),
                    double(files_.load()) / seconds, double(bytes_.load()) / 1e6 / seconds);
       visible_ = true;
     }
@@ -157,7 +157,7 @@ int Run(Args args) {
         }
         for (const vrk::scan::Detection& d : report.detections) {
           if (d.has_offset) {
-            std::printf("%s: %s FOUND @ %llu\n", files[i].c_str(), d.name.c_str(), (unsigned long long)d.offset);
+            std::printf("%s: %s FOUND @ %llu\n", files[i].c_str(), d.name.c_str(), static_cast<unsigned long long>(d.offset));
           } else {
             std::printf("%s: %s FOUND\n", files[i].c_str(), d.name.c_str());
           }
@@ -178,8 +178,8 @@ int Run(Args args) {
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   std::printf("\n----------- SCAN SUMMARY -----------\n");
   std::printf("Signatures: %zu\nFiles: %llu\nData: %.2f MB\nDetections: %llu\nTime: %.3f s\n",
-              compiled->signature_count(), (unsigned long long)done_files.load(), double(done_bytes.load()) / 1e6,
-              (unsigned long long)detections.load(), seconds);
+              compiled->signature_count(), static_cast<unsigned long long>(done_files.load()), double(done_bytes.load()) / 1e6,
+              static_cast<unsigned long long>(detections.load()), seconds);
   if (errors || read_errors) return kExitUsage;
   return detections ? kExitFailure : kExitOk;
 }
