@@ -11,9 +11,10 @@
 namespace vrk::search {
 namespace {
 
-constexpr uint8_t kGapCode = 0xDD;
-constexpr uint8_t kEndCode = 0xDF;
-constexpr uint32_t kGapKeyHigh = uint32_t(kGapCode) << 8;
+constexpr uint8_t kGapCode = SEARCH_BUSCATBL_CODE_GAP;
+constexpr uint8_t kEndCode = SEARCH_BUSCATBL_CODE_END;
+constexpr uint32_t kGapKeyHigh = SEARCH_BUSCATBL_GAP_KEY(0u);
+static_assert(QEL_PATTERN_SLOTS == SEARCH_BUSCATBL_TABLES, "one registry slot per table number");
 constexpr int kIndexedFrom = 256;  // positions from which the gap index pays
 
 // Library-wide and unlocked: registrations must not overlap each other or
