@@ -1,146 +1,61 @@
-// SEARCH_BuscaTbl over 16 MiB, beside a straightforward reading of the same
-// table rules (the tests' reference matcher) and memchr over the same buffer
-// as the bandwidth bound. Tables of 1,000 and 10,000 patterns are sampled
-// from the data itself, a fifth of them filed under gap keys.
+// SEARCH_BuscaTbl over 16 MiB, beside a plain reading of the same table
+// rules (the tests' reference matcher: every position, both rules, buckets
+// walked record by record, gaps tried farthest first) and memchr over the
+// same buffer as the bandwidth bound. Prints the ratios at the end.
 //
-// "exe" data is the i386 shared libraries of this machine concatenated (and
-// repeated) up to 16 MiB, synthetic x86-like bytes when there are none;
-// "random" data is uniformly random bytes.
+// Tables are random signature sets as scanners carry them (see
+// signature_sets.h), filed by the table builder under their opening bytes:
+// 8-24 bytes of any value, a third with gaps, some right after the first
+// byte; "common" sets have 1% of patterns opening with bytes frequent in
+// files (00 00, FF FF, 55 8B EC, ...), which makes crowded buckets; "nogap"
+// sets have no pattern filed under a gap key. Data is "mixed" (text, random,
+// zero-heavy and code-like pieces) or uniformly "random".
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "tests/search/pattern_reference.h"
+#include "bench/patterns/signature_sets.h"
 #include "search/pattern_builder.h"
+#include "tests/search/pattern_reference.h"
 #include "vrk_search.h"
 
 namespace {
 
-constexpr size_t kDataSize = 16u << 20;
-constexpr uint32_t kCapacity = 1u << 22;
-
-using Bytes = std::vector<uint8_t>;
-
-Bytes SyntheticCode(std::mt19937& rng) {
-  // Common i386 opcodes and operands, zero padding and some text.
-  static const uint8_t kOps[] = {0x8B, 0x89, 0x55, 0x5D, 0xC3, 0xE8, 0x83, 0xFF, 0x74, 0x75,
-                                 0x50, 0x51, 0x8D, 0x85, 0xC0, 0x00, 0x00, 0x00, 0x45, 0x08};
-  Bytes out;
-  while (out.size() < kDataSize) {
-    const unsigned kind = rng() % 10;
-    if (kind == 0) {
-      out.insert(out.end(), 16 + rng() % 64, 0);
-    } else if (kind == 1) {
-      for (int i = 0; i < 20; ++i) out.push_back(uint8_t('a' + rng() % 26));
-    } else {
-      for (int i = 0; i < 32; ++i) out.push_back(kOps[rng() % std::size(kOps)]);
-    }
-  }
-  out.resize(kDataSize);
-  return out;
-}
-
-Bytes ExecutableData() {
-  Bytes out;
-  const char* dir = "/usr/lib/i386-linux-gnu";
-  std::vector<std::string> files;
-  if (DIR* d = opendir(dir)) {
-    while (dirent* e = readdir(d)) {
-      if (std::strstr(e->d_name, ".so")) files.push_back(std::string(dir) + "/" + e->d_name);
-    }
-    closedir(d);
-  }
-  std::sort(files.begin(), files.end());
-  for (const std::string& f : files) {
-    if (FILE* in = std::fopen(f.c_str(), "rb")) {
-      uint8_t buffer[65536];
-      size_t got;
-      while ((got = std::fread(buffer, 1, sizeof buffer, in)) > 0) out.insert(out.end(), buffer, buffer + got);
-      std::fclose(in);
-    }
-  }
-  if (out.size() < (1u << 20)) {
-    std::mt19937 rng(1);
-    return SyntheticCode(rng);
-  }
-  const size_t original = out.size();
-  while (out.size() < kDataSize) out.push_back(out[out.size() - original]);
-  out.resize(kDataSize);
-  return out;
-}
-
-Bytes RandomData() {
-  std::mt19937 rng(2);
-  Bytes out(kDataSize);
-  for (uint8_t& b : out) b = uint8_t(rng());
-  return out;
-}
-
-std::string HexByte(uint8_t b) {
-  char s[4];
-  std::snprintf(s, sizeof s, "%02X", b);
-  return s;
-}
-
-// Signature-like bytes: not padding, not a run, several distinct values.
-bool Distinctive(const uint8_t* p, size_t n) {
-  bool seen[256] = {};
-  int distinct = 0;
-  for (size_t i = 0; i < n; ++i) {
-    if (i >= 2 && p[i] == p[i - 1] && p[i] == p[i - 2]) return false;
-    if (!seen[p[i]]) seen[p[i]] = true, ++distinct;
-  }
-  return distinct >= int(n) / 2 + 1;
-}
-
-// Patterns taken from the data at random offsets, so that they hit: most
-// with a two-byte key (a third of them with a gap inside), a fifth as one
-// byte and a gap, filed under that byte's gap key.
+using vrk::bench::Bytes;
+using vrk::bench::DataKind;
+using vrk::bench::SetShape;
 namespace builder = vrk::search::builder;
 
-std::vector<builder::Pattern> SamplePatterns(const Bytes& data, int count) {
-  std::mt19937 rng(3 + count);
-  std::vector<builder::Pattern> out;
-  while (int(out.size()) < count) {
-    const size_t at = rng() % (data.size() - 64);
-    if (!Distinctive(&data[at + 1], 12)) continue;
-    std::string text = HexByte(data[at]);
-    size_t i = at + 1;
-    if (rng() % 5 == 0) {
-      const unsigned skip = 2 + rng() % 31;
-      const unsigned used = rng() % (skip + 1);
-      text += " {0-" + std::to_string(skip) + "}";
-      i += used;
-      for (unsigned n = 0, len = 5 + rng() % 4; n < len; ++n) text += " " + HexByte(data[i++]);
-    } else {
-      const unsigned len = 5 + rng() % 11;
-      const unsigned gap_at = rng() % 3 == 0 ? 3 + rng() % (len - 3) : 0;
-      for (unsigned n = 1; n < len; ++n) {
-        if (n == gap_at) {
-          const unsigned skip = 1 + rng() % 8;
-          const unsigned used = rng() % (skip + 1);
-          text += " {0-" + std::to_string(skip) + "}";
-          i += used;
-        }
-        text += " " + HexByte(data[i++]);
-      }
-    }
-    builder::Pattern e;
-    builder::Filed filed;
-    std::string reason;
-    if (!builder::ParsePattern(text, e, reason) || !builder::EncodePattern(e, filed, reason)) continue;
-    out.push_back(std::move(e));
-  }
-  return out;
-}
+constexpr size_t kDataSize = 16u << 20;
+constexpr uint32_t kCapacity = 1u << 20;
+
+struct Case {
+  const char* name;
+  DataKind data;
+  SetShape shape;
+  bool plain;  // also time the plain reading (slow on large tables)
+};
+
+// Index = the benchmark argument.
+const Case kCases[] = {
+    {"mixed/5000", DataKind::kMixed, {5000, true, 0}, true},
+    {"random/5000", DataKind::kRandom, {5000, true, 0}, true},
+    {"mixed/5000/nogap", DataKind::kMixed, {5000, false, 0}, true},
+    {"random/5000/nogap", DataKind::kRandom, {5000, false, 0}, true},
+    {"mixed/1000", DataKind::kMixed, {1000, true, 0}, true},
+    {"mixed/10000", DataKind::kMixed, {10000, true, 0}, false},
+    {"mixed/50000", DataKind::kMixed, {50000, true, 0}, false},
+    {"random/50000", DataKind::kRandom, {50000, true, 0}, false},
+    {"mixed/50000/common", DataKind::kMixed, {50000, true, 0.01}, false},
+    {"zeroheavy/50000/common", DataKind::kZeroHeavy, {50000, true, 0.01}, false},
+    {"mixed/5000/common", DataKind::kMixed, {5000, true, 0.01}, true},
+};
 
 struct Setup {
   Bytes data;
@@ -148,34 +63,38 @@ struct Setup {
   std::vector<const unsigned char*> items = std::vector<const unsigned char*>(kCapacity);
 };
 
-Setup& GetSetup(bool executable, int patterns) {
-  static std::map<std::pair<bool, int>, Setup> cache;
-  auto [it, fresh] = cache.try_emplace({executable, patterns});
+Setup& GetSetup(int64_t which) {
+  static std::map<int64_t, Setup> cache;
+  auto [it, fresh] = cache.try_emplace(which);
   Setup& s = it->second;
   if (fresh) {
-    s.data = executable ? ExecutableData() : RandomData();
+    const Case& c = kCases[which];
+    s.data = vrk::bench::MakeData(c.data, kDataSize, 7);
     builder::Refusal refusal;
-    if (!builder::BuildTable(SamplePatterns(s.data, patterns), s.table, refusal)) {
-      std::fprintf(stderr, "%s\n", refusal.reason.c_str());
+    if (!builder::BuildTable(vrk::bench::SignatureSet(c.shape, 11 + uint32_t(c.shape.patterns)), s.table, refusal)) {
+      std::fprintf(stderr, "pattern %zu: %s\n", refusal.pattern, refusal.reason.c_str());
       std::abort();
     }
     // Identical hits in identical order, or the comparison means nothing.
-    const int length = int(s.data.size());
-    SEARCH_BuscaTblList out{kCapacity, 0, s.items.data()};
-    SEARCH_BuscaTbl(0, s.table.mutable_desc(), s.data.data(), length - 1, length, &out);
-    std::vector<const uint8_t*> reference;
-    vrk::test::ReferenceSearch(s.table.desc(), s.data.data(), length - 1, length, reference);
-    if (reference.size() > kCapacity) reference.resize(kCapacity);
-    if (reference.size() != out.count || !std::equal(reference.begin(), reference.end(), s.items.begin())) {
-      std::fprintf(stderr, "library and straightforward search disagree\n");
-      std::abort();
+    // The check runs the plain reading once, so only where it is timed.
+    if (c.plain) {
+      const int length = int(s.data.size());
+      SEARCH_BuscaTblList out{kCapacity, 0, s.items.data()};
+      SEARCH_BuscaTbl(0, s.table.mutable_desc(), s.data.data(), length - 1, length, &out);
+      std::vector<const uint8_t*> reference;
+      vrk::test::ReferenceSearch(s.table.desc(), s.data.data(), length - 1, length, reference);
+      if (reference.size() > kCapacity) reference.resize(kCapacity);
+      if (reference.size() != out.count || !std::equal(reference.begin(), reference.end(), s.items.begin())) {
+        std::fprintf(stderr, "%s: library and plain reading disagree\n", c.name);
+        std::abort();
+      }
     }
   }
   return s;
 }
 
-void Library(benchmark::State& state, bool executable) {
-  Setup& s = GetSetup(executable, int(state.range(0)));
+void Library(benchmark::State& state) {
+  Setup& s = GetSetup(state.range(0));
   const int length = int(s.data.size());
   uint32_t hits = 0;
   for (auto _ : state) {
@@ -184,12 +103,13 @@ void Library(benchmark::State& state, bool executable) {
     hits = out.count;
     benchmark::DoNotOptimize(out);
   }
+  state.SetLabel(kCases[state.range(0)].name);
   state.counters["hits"] = hits;
   state.SetBytesProcessed(int64_t(state.iterations()) * length);
 }
 
-void Straightforward(benchmark::State& state, bool executable) {
-  Setup& s = GetSetup(executable, int(state.range(0)));
+void Plain(benchmark::State& state) {
+  Setup& s = GetSetup(state.range(0));
   const int length = int(s.data.size());
   uint32_t hits = 0;
   for (auto _ : state) {
@@ -200,14 +120,15 @@ void Straightforward(benchmark::State& state, bool executable) {
     hits = out.count;
     benchmark::DoNotOptimize(out);
   }
+  state.SetLabel(kCases[state.range(0)].name);
   state.counters["hits"] = hits;
   state.SetBytesProcessed(int64_t(state.iterations()) * length);
 }
 
 // Every occurrence of the data's rarest byte, found with memchr: one pass
 // over the whole buffer at the C library's speed.
-void Memchr(benchmark::State& state, bool executable) {
-  Setup& s = GetSetup(executable, 1000);
+void Memchr(benchmark::State& state) {
+  Setup& s = GetSetup(0);
   size_t histogram[256] = {};
   for (uint8_t b : s.data) ++histogram[b];
   const int rarest = int(std::min_element(histogram, histogram + 256) - histogram);
@@ -221,16 +142,70 @@ void Memchr(benchmark::State& state, bool executable) {
     }
     benchmark::DoNotOptimize(found);
   }
+  state.SetLabel("mixed");
   state.counters["found"] = double(found);
   state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(s.data.size()));
 }
 
+void Register() {
+  for (int64_t i = 0; i < int64_t(std::size(kCases)); ++i) {
+    benchmark::RegisterBenchmark("Library", Library)->Arg(i)->Unit(benchmark::kMillisecond);
+    if (kCases[i].plain) {
+      benchmark::RegisterBenchmark("Plain", Plain)->Arg(i)->Unit(benchmark::kMillisecond)->Iterations(1);
+    }
+  }
+  benchmark::RegisterBenchmark("Memchr", Memchr)->Unit(benchmark::kMillisecond);
+}
+
+// Prints, per case, MB/s of both searches and their ratio.
+class SummaryReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      const double seconds = run.GetAdjustedCPUTime() / Scale(run.time_unit);
+      auto& row = rows_[run.report_label];
+      (run.run_name.function_name == "Plain" ? row.plain : row.library) = double(kDataSize) / 1e6 / seconds;
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void PrintSummary() const {
+    std::printf("\n%-24s %14s %14s %8s\n", "case (16 MiB)", "library MB/s", "plain MB/s", "ratio");
+    for (const Case& c : kCases) {
+      const auto it = rows_.find(c.name);
+      if (it == rows_.end() || it->second.library == 0) continue;
+      const auto& r = it->second;
+      if (r.plain > 0) {
+        std::printf("%-24s %14.1f %14.2f %7.1fx\n", c.name, r.library, r.plain, r.library / r.plain);
+      } else {
+        std::printf("%-24s %14.1f %14s %8s\n", c.name, r.library, "-", "-");
+      }
+    }
+  }
+
+ private:
+  struct Row {
+    double library = 0, plain = 0;
+  };
+  static double Scale(benchmark::TimeUnit unit) {
+    switch (unit) {
+      case benchmark::kSecond: return 1;
+      case benchmark::kMillisecond: return 1e3;
+      case benchmark::kMicrosecond: return 1e6;
+      default: return 1e9;
+    }
+  }
+  std::map<std::string, Row> rows_;
+};
+
 }  // namespace
 
-BENCHMARK_CAPTURE(Library, exe, true)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Straightforward, exe, true)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Library, random, false)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Straightforward, random, false)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(Memchr, exe, true)->Unit(benchmark::kMillisecond);
-
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  Register();
+  SummaryReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.PrintSummary();
+  return 0;
+}
