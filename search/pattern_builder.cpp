@@ -52,14 +52,19 @@ bool ProgramEndsInside(const std::vector<uint8_t>& record, size_t pos) {
 
 // Appends the program of elements[from..] and the end code. A literal 0xDD
 // or 0xDF cannot be a program literal; `{0-0} XX` says the same thing in a
-// form the program can hold.
-bool AppendProgram(const Pattern& e, size_t from, std::vector<uint8_t>& record, std::string& reason) {
+// form the program can hold, and is written so when `rewrite_codes`.
+bool AppendProgram(const Pattern& e, size_t from, std::vector<uint8_t>& record, std::string& reason,
+                   bool rewrite_codes = false) {
   for (size_t i = from; i < e.size(); ++i) {
     if (e[i].gap) {
       // ParsePattern guarantees a byte after every gap.
       record.push_back(kGapCode);
       record.push_back(uint8_t(e[i].max_skip + 1));
       record.push_back(e[++i].byte);
+    } else if ((e[i].byte == kGapCode || e[i].byte == kEndCode) && rewrite_codes) {
+      record.push_back(kGapCode);
+      record.push_back(1);
+      record.push_back(e[i].byte);
     } else if (e[i].byte == kGapCode || e[i].byte == kEndCode) {
       reason = "literal byte " + Hex(e[i].byte) + " (element " + std::to_string(i + 1) +
                ") falls where only a program can hold it, and programs use that value as a code; write {0-0} " +
@@ -151,19 +156,26 @@ uint32_t Span(const Pattern& pattern) {
   return span;
 }
 
-bool EncodePattern(const Pattern& e, Filed& out, std::string& reason) {
+namespace {
+
+// Encodes elements[anchor..] (see EncodeFrom), refusing or rewriting codes.
+bool Encode(const Pattern& e, size_t anchor, Filed& out, std::string& reason, bool rewrite_codes) {
   std::vector<uint8_t>& record = out.record;
   record.clear();
-  if (e.size() < 2 || e[0].gap) {
+  if (anchor + 1 >= e.size() || e[anchor].gap) {
     reason = "a pattern needs a first byte and a second element";
     return false;
   }
-  if (e[1].gap) {
+  if (e[anchor + 1].gap) {
+    if (anchor != 0) {
+      reason = "only a pattern's first byte can be filed under a gap key";
+      return false;
+    }
     // Filed under the gap key of the first byte; the gap rule runs the
     // program from byte 1, so byte 1 is the gap code itself.
     out.key = Key(e[0].byte, kGapCode);
     record = {0, kGapCode, uint8_t(e[1].max_skip + 1), e[2].byte};
-    if (!AppendProgram(e, 3, record, reason)) return false;
+    if (!AppendProgram(e, 3, record, reason, rewrite_codes)) return false;
     // Data whose second byte is 0xDD has this same key under the two-byte
     // rule, which reads byte 0 as a head length. The longest head that
     // still leaves a program ending inside the record makes that reading
@@ -178,17 +190,25 @@ bool EncodePattern(const Pattern& e, Filed& out, std::string& reason) {
     reason = "no head length lets the two-byte reading of its record end inside it";
     return false;
   }
-  if (e[1].byte == kGapCode) {
+  if (e[anchor + 1].byte == kGapCode) {
     reason = "its second byte DD makes its key the gap key of its first byte, which the gap rule would also read";
     return false;
   }
-  out.key = Key(e[0].byte, e[1].byte);
+  out.key = Key(e[anchor].byte, e[anchor + 1].byte);
   // Byte 1 is read only by the gap rule, which never sees this key.
   record = {0, 0};
-  size_t i = 2;
-  while (i < e.size() && !e[i].gap && i - 2 < kMaxHead) record.push_back(e[i++].byte);
-  record[SEARCH_BUSCATBL_REC_HEAD_LENGTH] = uint8_t(i - 2);
-  return AppendProgram(e, i, record, reason);
+  size_t i = anchor + 2;
+  while (i < e.size() && !e[i].gap && i - anchor - 2 < kMaxHead) record.push_back(e[i++].byte);
+  record[SEARCH_BUSCATBL_REC_HEAD_LENGTH] = uint8_t(i - anchor - 2);
+  return AppendProgram(e, i, record, reason, rewrite_codes);
+}
+
+}  // namespace
+
+bool EncodePattern(const Pattern& e, Filed& out, std::string& reason) { return Encode(e, 0, out, reason, false); }
+
+bool EncodeFrom(const Pattern& e, size_t anchor, Filed& out, std::string& reason) {
+  return Encode(e, anchor, out, reason, true);
 }
 
 int Table::NumberOf(const unsigned char* record) const {

@@ -57,6 +57,18 @@ struct Filed {
 // byte. On failure returns false and sets `reason`.
 bool EncodePattern(const Pattern& pattern, Filed& out, std::string& reason);
 
+// Files a pattern under an anchor inside it, for callers that check the
+// part before the anchor themselves (a scanner that picks rare anchors):
+// `anchor` is the element where the record starts. When elements anchor and
+// anchor + 1 are bytes, they are the key and the record matches elements
+// anchor.. exactly (the second must not be 0xDD: that key is a gap key).
+// When anchor is 0 and element 1 is a gap, the record is filed under the
+// gap key of the first byte, as EncodePattern does. Unlike EncodePattern,
+// a literal 0xDD or 0xDF where only a program can hold it is written as
+// "0xDD 1 N" (N within the next byte), which means the same; so this fails
+// only for an anchor that is not one of the two kinds.
+bool EncodeFrom(const Pattern& pattern, size_t anchor, Filed& out, std::string& reason);
+
 // Why a table was not built: the input position of the refused pattern
 // (kWholeTable when no single pattern is to blame) and the reason.
 struct Refusal {

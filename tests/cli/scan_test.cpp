@@ -51,7 +51,7 @@ TEST(CliScan, DatabasesAndTheirErrors) {
   SampleDir s;
   s.Write("own.vdb", "# mine\nMine pattern 73 63 61 6E {0-2} 66 69 6C 65\n");
   s.Write("bad.vdb", "ok crc 1 1\nbroken crc 99 1\n");
-  s.Write("refused.vdb", "P pattern 41 DD 42\n");
+  s.Write("refused.vdb", "P pattern 41 {1-3} 42\n");
   const auto own = RunTool({"scan", "-d", s.path + "/own.vdb", s.path + "/clean/readme.txt"});
   EXPECT_EQ(own.status, 1);
   EXPECT_TRUE(Has(own.out, "readme.txt: Mine FOUND @ "));

@@ -13,8 +13,56 @@
 namespace vrk::scan {
 namespace {
 
+namespace builder = search::builder;
+
 constexpr uint32_t kFingerprintBytes = 2048;
-constexpr uint32_t kHitCapacity = 4096;
+constexpr uint32_t kNoStart = UINT32_MAX;
+
+// How common each byte value is in the files scanners meet, roughly and
+// relatively: zero and 0xFF fill, text, and the bytes of common i386
+// instructions (prologues, moves, calls, jumps, stack offsets).
+constexpr std::array<uint8_t, 256> kByteWeights = [] {
+  std::array<uint8_t, 256> w{};
+  for (uint8_t& x : w) x = 1;
+  for (int c = 'a'; c <= 'z'; ++c) w[size_t(c)] = 10;
+  for (int c = 'A'; c <= 'Z'; ++c) w[size_t(c)] = 6;
+  for (int c = '0'; c <= '9'; ++c) w[size_t(c)] = 6;
+  for (const char* c = "etaoinsr"; *c; ++c) w[size_t(*c)] = 14;
+  for (const char* c = ".,;:-_/()<>=\"'\r\n\t"; *c; ++c) w[size_t(*c)] = 6;
+  for (int b : {0x8B, 0x89, 0x55, 0x83, 0xE8, 0x45, 0xEC, 0x5D, 0xC3, 0x74, 0x75, 0x85, 0xC0, 0x24, 0x04, 0x08,
+                0x10, 0x01, 0x02, 0x03, 0x0C, 0x0F, 0x14, 0x18, 0x1C, 0x50, 0x51, 0x52, 0x53, 0x56, 0x57, 0x5E,
+                0x5F, 0x6A, 0x8D, 0xCC, 0x90, 0xFC, 0xF8, 0x33, 0xC7, 0x4D, 0xE9, 0xEB, 0xFE, 0x80}) {
+    w[size_t(b)] = 6;
+  }
+  w[0x20] = 16;
+  w[0xFF] = 24;
+  w[0x00] = 64;
+  return w;
+}();
+
+// How often a two-byte key turns up: runs of one byte (fill, padding) are
+// the commonest of all.
+uint32_t PairWeight(uint8_t a, uint8_t b) {
+  const uint32_t w = uint32_t(kByteWeights[a]) * kByteWeights[b];
+  return a == b ? 4 * w : w;
+}
+
+// Whether the pattern's elements from k on match data[p, length).
+bool Matches(const builder::Pattern& e, size_t k, const unsigned char* data, uint32_t p, uint32_t length) {
+  for (; k < e.size(); ++k) {
+    if (!e[k].gap) {
+      if (p >= length || data[p] != e[k].byte) return false;
+      ++p;
+      continue;
+    }
+    const uint8_t wanted = e[k + 1].byte;
+    for (uint32_t skip = 0; skip <= e[k].max_skip && p + skip < length; ++skip) {
+      if (data[p + skip] == wanted && Matches(e, k + 2, data, p + skip + 1, length)) return true;
+    }
+    return false;
+  }
+  return true;
+}
 
 // A virtual file closed when it goes out of scope.
 struct OpenFile {
@@ -47,7 +95,6 @@ struct Md5 {
 
 std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, std::string& error) {
   std::unique_ptr<CompiledDatabase> out(new CompiledDatabase);
-  std::vector<search::builder::Pattern> patterns;
   std::vector<const Signature*> pattern_origin;
   std::array<std::vector<std::pair<uint32_t, int>>, SEARCH_CRC_COLUMNS> crc_cells;
 
@@ -62,30 +109,21 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
         out->md5_.emplace_back(sig.md5, number);
         break;
       case SignatureKind::kPattern: {
-        search::builder::Pattern pattern;
+        builder::Pattern pattern;
         std::string reason;
-        if (!search::builder::ParsePattern(sig.pattern, pattern, reason)) {
+        if (!builder::ParsePattern(sig.pattern, pattern, reason)) {
           error = sig.origin + ": " + reason;
           return nullptr;
         }
-        out->longest_pattern_ = std::max(out->longest_pattern_, search::builder::Span(pattern));
-        patterns.push_back(std::move(pattern));
+        out->longest_pattern_ = std::max(out->longest_pattern_, builder::Span(pattern));
+        out->patterns_.push_back({std::move(pattern), {}, 0, 0, 0, number});
         pattern_origin.push_back(&sig);
-        out->pattern_signatures_.push_back(number);
         break;
       }
     }
   }
 
-  if (!patterns.empty()) {
-    search::builder::Refusal refusal;
-    if (!search::builder::BuildTable(patterns, out->pattern_table_, refusal)) {
-      const Signature* culprit =
-          refusal.pattern < pattern_origin.size() ? pattern_origin[refusal.pattern] : nullptr;
-      error = culprit ? culprit->origin + ": pattern '" + culprit->name + "': " + refusal.reason : refusal.reason;
-      return nullptr;
-    }
-  }
+  if (!out->patterns_.empty() && !out->CompilePatterns(pattern_origin, error)) return nullptr;
 
   for (uint32_t column = 1; column < SEARCH_CRC_COLUMNS; ++column) {
     auto& cell = crc_cells[column];
@@ -108,34 +146,146 @@ void CompiledDatabase::Register() {
   if (has_patterns()) SEARCH_BuscaTblRegisterTable(pattern_table_.mutable_desc(), 0);
 }
 
-void CompiledDatabase::Locate(const unsigned char* data, uint32_t length, uint32_t lo, uint32_t hi, uint32_t base,
-                              std::vector<const unsigned char*>& items, std::vector<bool>& seen,
-                              std::vector<Detection>& out) const {
-  if (lo >= hi) return;
+bool CompiledDatabase::CompilePatterns(const std::vector<const Signature*>& origins, std::string& error) {
+  // Each pattern is filed under the pair of adjacent bytes inside it that
+  // files hold least often, so that the table's keys rarely turn up in the
+  // data (an atom, as other scanners call it); its bytes before the anchor
+  // are checked here, at the few places where the rest matched. A key that
+  // already has patterns costs less than a new one: its bucket is read
+  // anyway wherever the key occurs.
+  std::vector<uint16_t> key_use(SEARCH_BUSCATBL_KEYS, 0);
+  std::vector<builder::Filed> filed(patterns_.size());
+  for (size_t n = 0; n < patterns_.size(); ++n) {
+    PatternEntry& entry = patterns_[n];
+    const builder::Pattern& e = entry.elements;
+    size_t anchor = SIZE_MAX;
+    uint64_t best_cost = UINT64_MAX;
+    uint32_t lead_min = 0, lead_max = 0;
+    for (size_t j = 0; j + 1 < e.size(); ++j) {
+      if (!e[j].gap && !e[j + 1].gap && e[j + 1].byte != SEARCH_BUSCATBL_CODE_GAP) {
+        const uint32_t key = uint32_t(SEARCH_BUSCATBL_KEY(e[j].byte, e[j + 1].byte));
+        // Cost first; then an anchor at a fixed distance from the start,
+        // then a nearer one, which are cheaper to check back from.
+        const uint64_t cost = (uint64_t(PairWeight(e[j].byte, e[j + 1].byte)) * (key_use[key] ? 1 : 2)) << 16 |
+                              uint64_t(lead_max != lead_min) << 15 | std::min<uint32_t>(lead_max, 0x7FFF);
+        if (cost < best_cost) {
+          best_cost = cost;
+          anchor = j;
+          entry.lead_min = lead_min;
+          entry.lead_max = lead_max;
+        }
+      }
+      lead_max += e[j].gap ? e[j].max_skip : 1;
+      lead_min += e[j].gap ? 0 : 1;
+    }
+    std::string reason;
+    bool encoded;
+    if (anchor != SIZE_MAX) {
+      encoded = builder::EncodeFrom(e, anchor, filed[n], reason);
+      for (size_t j = anchor; j < e.size() && !e[j].gap; ++j) entry.anchor.push_back(e[j].byte);
+    } else {
+      // No two adjacent bytes: filed under the gap key of the first byte
+      // ("b0 b1" as "b0 {0-0} b1").
+      builder::Pattern gapped = e;
+      if (!gapped[1].gap) gapped.insert(gapped.begin() + 1, builder::Element{true, 0, 0});
+      encoded = builder::EncodeFrom(gapped, 0, filed[n], reason);
+      entry.anchor = {e[0].byte};
+      entry.lead_min = entry.lead_max = 0;
+    }
+    if (!encoded) {
+      error = origins[n]->origin + ": pattern '" + origins[n]->name + "': " + reason;
+      return false;
+    }
+    ++key_use[filed[n].key];
+    for (uint32_t i = 1; i < entry.anchor.size(); ++i) {
+      if (kByteWeights[entry.anchor[i]] < kByteWeights[entry.anchor[entry.probe]]) entry.probe = i;
+    }
+    longest_lead_ = std::max(longest_lead_, entry.lead_max);
+  }
+  builder::Refusal refusal;
+  if (!builder::Table::Build(filed, pattern_table_, refusal)) {
+    error = refusal.pattern < origins.size() ? origins[refusal.pattern]->origin + ": " + refusal.reason : refusal.reason;
+    return false;
+  }
+  return true;
+}
+
+// The pattern search state of one thread, kept from file to file.
+struct CompiledDatabase::PatternScan {
+  std::vector<const unsigned char*> items;  // the library's result list
+  std::vector<uint32_t> seen;               // per pattern: the file number when it was reported
+  std::vector<uint8_t> listed;              // per pattern: taken as a candidate this round
+  std::vector<uint32_t> candidates;
+  uint32_t file = 0;
+};
+
+uint32_t CompiledDatabase::FirstStart(const PatternEntry& entry, const unsigned char* data, uint32_t length,
+                                      uint32_t anchors, uint32_t starts) const {
+  // The anchor's occurrences, found by its least common byte, nearest
+  // first; each leads back to the starts it can belong to. A later
+  // occurrence can still give an earlier start while it lies within the
+  // longest lead of the best start so far.
+  const std::vector<uint8_t>& a = entry.anchor;
+  const uint32_t size = uint32_t(a.size());
+  const uint32_t probe = entry.probe;
+  const uint32_t end = std::min(length, anchors + probe);
+  uint32_t best = kNoStart;
+  for (uint32_t i = probe; i < end; ++i) {
+    const void* at = std::memchr(data + i, a[probe], end - i);
+    if (!at) break;
+    i = uint32_t(static_cast<const unsigned char*>(at) - data);
+    const uint32_t q = i - probe;
+    if (best != kNoStart && q >= best + entry.lead_max) break;
+    if (size > length - q || std::memcmp(data + q, a.data(), size) != 0 || q < entry.lead_min) continue;
+    const uint32_t first = q >= entry.lead_max ? q - entry.lead_max : 0;
+    const uint32_t last = std::min({q - entry.lead_min, starts - 1, best == kNoStart ? UINT32_MAX : best - 1});
+    for (uint32_t s = first; s <= last && s < starts; ++s) {
+      if (Matches(entry.elements, 0, data, s, length)) {
+        best = s;
+        break;
+      }
+    }
+  }
+  return best;
+}
+
+void CompiledDatabase::SearchRound(const unsigned char* data, uint32_t length, uint32_t anchors, uint32_t starts,
+                                   uint64_t base, PatternScan& scan, std::vector<Detection>& out) const {
+  if (anchors == 0) return;
   auto* tables = const_cast<SEARCH_BuscaTblDesc*>(&pattern_table_.desc());
-  SEARCH_BuscaTblList list{uint32_t(items.size()), 0, items.data()};
-  SEARCH_BuscaTbl(0, tables, data + lo, int(hi - lo), int(length - lo), &list);
-  // A full list may have dropped hits of patterns not reported yet.
-  bool unseen = list.count == list.capacity;
-  for (uint32_t i = 0; i < list.count && !unseen; ++i) {
-    const int number = pattern_table_.NumberOf(list.items[i]);
-    unseen = number >= 0 && !seen[number];
+  // The patterns whose anchor and the rest after it occur: the library's
+  // hits carry no position, and a full list may have dropped some, so a
+  // range whose list filled up is searched again in halves.
+  scan.candidates.clear();
+  std::vector<std::pair<uint32_t, uint32_t>> ranges = {{0, anchors}};
+  while (!ranges.empty()) {
+    const auto [lo, hi] = ranges.back();
+    ranges.pop_back();
+    SEARCH_BuscaTblList list{uint32_t(scan.items.size()), 0, scan.items.data()};
+    SEARCH_BuscaTbl(0, tables, data + lo, int(hi - lo), int(length - lo), &list);
+    if (list.count == list.capacity && hi - lo > 1) {
+      const uint32_t mid = lo + (hi - lo) / 2;
+      ranges.push_back({mid, hi});
+      ranges.push_back({lo, mid});
+      continue;
+    }
+    for (uint32_t i = 0; i < list.count; ++i) {
+      const int number = pattern_table_.NumberOf(list.items[i]);
+      if (number < 0 || scan.seen[size_t(number)] == scan.file || scan.listed[size_t(number)]) continue;
+      scan.listed[size_t(number)] = 1;
+      scan.candidates.push_back(uint32_t(number));
+    }
   }
-  if (!unseen) return;
-  if (hi - lo > 1) {
-    // Hits carry no position: halve the range, earlier half first, so each
-    // pattern is reported at its first offset. One hit costs about one more
-    // search of the range.
-    const uint32_t mid = lo + (hi - lo) / 2;
-    Locate(data, length, lo, mid, base, items, seen, out);
-    Locate(data, length, mid, hi, base, items, seen, out);
-    return;
+  std::vector<std::pair<uint32_t, uint32_t>> found;  // (start, pattern)
+  for (uint32_t n : scan.candidates) {
+    scan.listed[n] = 0;
+    const uint32_t start = FirstStart(patterns_[n], data, length, anchors, starts);
+    if (start != kNoStart) found.push_back({start, n});
   }
-  for (uint32_t i = 0; i < list.count; ++i) {
-    const int number = pattern_table_.NumberOf(list.items[i]);
-    if (number < 0 || seen[number]) continue;
-    seen[number] = true;
-    out.push_back({names_[pattern_signatures_[number]], true, uint64_t(base) + lo});
+  std::sort(found.begin(), found.end());
+  for (const auto& [start, n] : found) {
+    scan.seen[n] = scan.file;
+    out.push_back({names_[size_t(patterns_[n].signature)], true, base + start});
   }
 }
 
@@ -178,8 +328,15 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
   }
   const std::span<unsigned char> buffer(storage.get(), wanted);
   Md5 md5(has_md5());
-  std::vector<bool> pattern_seen(pattern_table_.size(), false);
-  thread_local std::vector<const unsigned char*> items(kHitCapacity);
+  thread_local PatternScan scan;
+  if (has_patterns()) {
+    // Room for every hit at one position (each pattern under both rules),
+    // so that halving a range always ends with complete lists.
+    scan.items.resize(std::max<size_t>(4096, 2 * patterns_.size() + 2));
+    scan.seen.resize(patterns_.size());
+    scan.listed.resize(patterns_.size());
+    if (++scan.file == 0) std::fill(scan.seen.begin(), scan.seen.end(), 0u), scan.file = 1;
+  }
 
   // The buffer holds file bytes [base, base + filled). Each round searches
   // the start positions [base, base + chunk): every start position of the
@@ -201,9 +358,11 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
     }
 
     if (has_patterns() && filled >= 2) {
-      // The library reads the byte after the last start position.
-      const uint32_t positions = at_end ? filled - 1 : std::min(chunk, filled - 1);
-      Locate(buffer.data(), filled, 0, positions, base, items, pattern_seen, report.detections);
+      // This round owns the starts [base, base + chunk) (at the end, all
+      // that are left); their anchors lie up to the longest lead further.
+      // The library reads the byte after the last position it tries.
+      const uint32_t anchors = at_end ? filled - 1 : std::min(chunk + longest_lead_, filled - 1);
+      SearchRound(buffer.data(), filled, anchors, at_end ? filled : chunk, base, scan, report.detections);
     }
     if (at_end || (!has_patterns() && !has_md5())) break;
     // Keep the bytes behind this round's start positions for the next.

@@ -46,16 +46,42 @@ class CompiledDatabase {
 
   // Scans one file, reading it in pieces of `chunk` bytes (plus the overlap
   // that a match across a piece border needs). Safe to call from several
-  // threads at once.
+  // threads at once. Each pattern is reported once, at its first offset.
   FileReport ScanFile(const std::string& path, uint32_t chunk = 1u << 20) const;
 
  private:
   CompiledDatabase() = default;
 
-  // Reports the patterns not seen yet that match at start positions
-  // [lo, hi) of data[0, length), with their first offsets (base + position).
-  void Locate(const unsigned char* data, uint32_t length, uint32_t lo, uint32_t hi, uint32_t base,
-              std::vector<const unsigned char*>& items, std::vector<bool>& seen, std::vector<Detection>& out) const;
+  // A pattern as the scanner files and checks it. The table holds it from
+  // its anchor on: `lead_min` to `lead_max` bytes after the start of a
+  // match, where the anchor's bytes `anchor` begin (for a pattern filed
+  // under the gap key of its first byte, the anchor is that byte).
+  struct PatternEntry {
+    search::builder::Pattern elements;
+    std::vector<uint8_t> anchor;
+    uint32_t probe = 0;  // index in `anchor` of its byte least common in files
+    uint32_t lead_min = 0;
+    uint32_t lead_max = 0;
+    int signature = 0;
+  };
+
+  // Per-file state of the pattern search (one per thread, reused).
+  struct PatternScan;
+
+  // Files each pattern under the anchor inside it that the data is least
+  // likely to hold, and builds the table.
+  // `origins` names each pattern's signature, for messages.
+  bool CompilePatterns(const std::vector<const Signature*>& origins, std::string& error);
+
+  // Searches one round: the anchors at positions [0, anchors) of
+  // data[0, length), reporting patterns not seen yet whose matches start in
+  // [0, starts) at their first offsets (base + start).
+  void SearchRound(const unsigned char* data, uint32_t length, uint32_t anchors, uint32_t starts, uint64_t base,
+                   PatternScan& scan, std::vector<Detection>& out) const;
+  // The first start in [0, starts) of a match of the pattern whose anchor
+  // lies in [0, anchors), or UINT32_MAX.
+  uint32_t FirstStart(const PatternEntry& entry, const unsigned char* data, uint32_t length, uint32_t anchors,
+                      uint32_t starts) const;
   void CrcDetections(const unsigned char* head, uint32_t length, std::vector<Detection>& out) const;
 
   std::vector<std::string> names_;  // signature names, by signature number
@@ -68,8 +94,9 @@ class CompiledDatabase {
   bool crc_cells_used_ = false;
 
   search::builder::Table pattern_table_;
-  std::vector<int> pattern_signatures_;  // pattern number -> signature number
+  std::vector<PatternEntry> patterns_;  // by pattern number
   uint32_t longest_pattern_ = 0;
+  uint32_t longest_lead_ = 0;
 
   std::vector<std::pair<std::array<uint8_t, 16>, int>> md5_;  // sorted by digest
 };
