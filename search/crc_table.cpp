@@ -98,26 +98,19 @@ void RegisterCrcCell(SEARCH_CRCTblEntry* table, uint32_t column, uint32_t row, c
 }
 
 void LookUpCrc(const uint32_t* crcs, uint32_t count, uint32_t column, uint32_t key, SEARCH_CRCList* hits) {
-  int32_t lo = 0;
-  int32_t hi = static_cast<int32_t>(count - 1);
-  int32_t found = -1;
-  while (lo <= hi) {
-    const int32_t mid = static_cast<int32_t>((static_cast<int64_t>(lo) + hi) >> 1);
-    if (crcs[mid] == key) {
-      found = mid;
-      break;
-    }
-    if (crcs[mid] < key) {
-      lo = mid + 1;
-    } else {
-      hi = mid - 1;
-    }
+  if (count == 0) return;
+  // The first element not below the key, by halving without branches (the
+  // comparisons of a search for a value that is mostly absent cannot be
+  // predicted). Equal values stand together, so this is the first of them
+  // whichever one a probing search would have met; the hits are the same.
+  const uint32_t* first = crcs;
+  for (uint32_t n = count; n > 1;) {
+    const uint32_t half = n / 2;
+    first = first[half - 1] < key ? first + half : first;
+    n -= half;
   }
-  if (found < 0) return;
-  // Equal values stand together; report all of them from the first, in
-  // order, whichever one the search met.
-  uint32_t i = static_cast<uint32_t>(found);
-  while (i > 0 && crcs[i - 1] == key) --i;
+  uint32_t i = static_cast<uint32_t>(first - crcs);
+  if (crcs[i] < key) ++i;
   for (; i < count && crcs[i] == key; ++i) AddHit(hits, i, column);
 }
 
