@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <numeric>
 
 namespace vrk::search::builder {
 namespace {
@@ -53,7 +52,7 @@ bool ProgramEndsInside(const std::vector<uint8_t>& record, size_t pos) {
 // Appends the program of elements[from..] and the end code. A literal 0xDD
 // or 0xDF cannot be a program literal; `{0-0} XX` says the same thing in a
 // form the program can hold, and is written so when `rewrite_codes`.
-bool AppendProgram(const Pattern& e, size_t from, std::vector<uint8_t>& record, std::string& reason,
+bool AppendProgram(std::span<const Element> e, size_t from, std::vector<uint8_t>& record, std::string& reason,
                    bool rewrite_codes = false) {
   for (size_t i = from; i < e.size(); ++i) {
     if (e[i].gap) {
@@ -82,6 +81,7 @@ bool AppendProgram(const Pattern& e, size_t from, std::vector<uint8_t>& record, 
 
 bool ParsePattern(std::string_view text, Pattern& out, std::string& reason) {
   out.clear();
+  out.reserve(text.size() / 2);
   size_t i = 0;
   while (i < text.size()) {
     const char c = text[i];
@@ -150,7 +150,7 @@ std::string FormatPattern(const Pattern& pattern) {
   return s;
 }
 
-uint32_t Span(const Pattern& pattern) {
+uint32_t Span(std::span<const Element> pattern) {
   uint32_t span = 0;
   for (const Element& e : pattern) span += e.gap ? e.max_skip : 1;
   return span;
@@ -159,9 +159,10 @@ uint32_t Span(const Pattern& pattern) {
 namespace {
 
 // Encodes elements[anchor..] (see EncodeFrom), refusing or rewriting codes.
-bool Encode(const Pattern& e, size_t anchor, Filed& out, std::string& reason, bool rewrite_codes) {
+bool Encode(std::span<const Element> e, size_t anchor, Filed& out, std::string& reason, bool rewrite_codes) {
   std::vector<uint8_t>& record = out.record;
   record.clear();
+  record.reserve(3 * e.size() + 3);
   if (anchor + 1 >= e.size() || e[anchor].gap) {
     reason = "a pattern needs a first byte and a second element";
     return false;
@@ -174,7 +175,7 @@ bool Encode(const Pattern& e, size_t anchor, Filed& out, std::string& reason, bo
     // Filed under the gap key of the first byte; the gap rule runs the
     // program from byte 1, so byte 1 is the gap code itself.
     out.key = Key(e[0].byte, kGapCode);
-    record = {0, kGapCode, uint8_t(e[1].max_skip + 1), e[2].byte};
+    record.insert(record.end(), {0, kGapCode, uint8_t(e[1].max_skip + 1), e[2].byte});
     if (!AppendProgram(e, 3, record, reason, rewrite_codes)) return false;
     // Data whose second byte is 0xDD has this same key under the two-byte
     // rule, which reads byte 0 as a head length. The longest head that
@@ -196,7 +197,7 @@ bool Encode(const Pattern& e, size_t anchor, Filed& out, std::string& reason, bo
   }
   out.key = Key(e[anchor].byte, e[anchor + 1].byte);
   // Byte 1 is read only by the gap rule, which never sees this key.
-  record = {0, 0};
+  record.insert(record.end(), {0, 0});
   size_t i = anchor + 2;
   while (i < e.size() && !e[i].gap && i - anchor - 2 < kMaxHead) record.push_back(e[i++].byte);
   record[SEARCH_BUSCATBL_REC_HEAD_LENGTH] = uint8_t(i - anchor - 2);
@@ -205,9 +206,9 @@ bool Encode(const Pattern& e, size_t anchor, Filed& out, std::string& reason, bo
 
 }  // namespace
 
-bool EncodePattern(const Pattern& e, Filed& out, std::string& reason) { return Encode(e, 0, out, reason, false); }
+bool EncodePattern(std::span<const Element> e, Filed& out, std::string& reason) { return Encode(e, 0, out, reason, false); }
 
-bool EncodeFrom(const Pattern& e, size_t anchor, Filed& out, std::string& reason) {
+bool EncodeFrom(std::span<const Element> e, size_t anchor, Filed& out, std::string& reason) {
   return Encode(e, anchor, out, reason, true);
 }
 
@@ -219,50 +220,65 @@ int Table::NumberOf(const unsigned char* record) const {
   return it != offsets_.end() - 1 && *it == offset ? int(it - offsets_.begin()) : -1;
 }
 
-bool Table::Build(std::span<const Filed> filed, Table& out, Refusal& refusal) {
+void TableBuilder::Reserve(size_t records, size_t bytes) {
+  table_.keys_.reserve(records);
+  table_.offsets_.reserve(records + 1);
+  table_.arena_.reserve(bytes);
+}
+
+void TableBuilder::Add(uint16_t key, std::span<const uint8_t> record) {
+  table_.keys_.push_back(key);
+  table_.offsets_.push_back(table_.arena_.size());
+  table_.arena_.insert(table_.arena_.end(), record.begin(), record.end());
+}
+
+bool TableBuilder::Finish(Table& out, Refusal& refusal) {
+  Table& t = table_;
+  const size_t n = t.keys_.size();
   out = Table();
-  const size_t n = filed.size();
   if (n > SEARCH_BUSCATBL_MAX_PATTERNS) {
     refusal = {Refusal::kWholeTable, "too many patterns: a table holds at most 65535"};
+    t = Table();
     return false;
   }
-  out.keys_.reserve(n);
-  out.offsets_.reserve(n + 1);
-  size_t total = 0;
-  for (const Filed& f : filed) total += f.record.size();
-  out.arena_.reserve(total);
-  for (const Filed& f : filed) {
-    out.keys_.push_back(f.key);
-    out.offsets_.push_back(out.arena_.size());
-    out.arena_.insert(out.arena_.end(), f.record.begin(), f.record.end());
-  }
-  out.offsets_.push_back(out.arena_.size());
-
-  // Buckets in key order; inside a bucket, later patterns first.
+  t.offsets_.push_back(t.arena_.size());
+  // Buckets in key order; inside a bucket, later patterns first (a
+  // counting sort by key).
+  std::vector<uint32_t> next(SEARCH_BUSCATBL_KEYS + 1, 0);
+  for (uint16_t key : t.keys_) ++next[key + 1u];
+  for (size_t k = 0; k < SEARCH_BUSCATBL_KEYS; ++k) next[k + 1] += next[k];
   std::vector<uint32_t> order(n);
-  std::iota(order.begin(), order.end(), 0u);
-  std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-    return out.keys_[a] != out.keys_[b] ? out.keys_[a] < out.keys_[b] : a > b;
-  });
-  out.index_.assign(SEARCH_BUSCATBL_KEYS, SEARCH_BuscaTblBucket{0, 0});
-  out.bitmap_.assign(SEARCH_BUSCATBL_BITMAP_BYTES, 0);
-  out.slots_.resize(n);
-  out.pointers_.resize(n);
+  for (size_t number = n; number-- > 0;) order[next[t.keys_[number]]++] = uint32_t(number);
+  t.index_.assign(SEARCH_BUSCATBL_KEYS, SEARCH_BuscaTblBucket{0, 0});
+  t.bitmap_.assign(SEARCH_BUSCATBL_BITMAP_BYTES, 0);
+  t.slots_.resize(n);
+  t.pointers_.resize(n);
   for (size_t pos = 0; pos < n; ++pos) {
     const uint32_t number = order[pos];
-    const uint16_t key = out.keys_[number];
-    SEARCH_BuscaTblBucket& bucket = out.index_[key];
+    const uint16_t key = t.keys_[number];
+    SEARCH_BuscaTblBucket& bucket = t.index_[key];
     if (bucket.count == 0) bucket.first = uint16_t(pos);
     ++bucket.count;
-    out.bitmap_[key >> 3] = uint8_t(out.bitmap_[key >> 3] | 1u << (key & 7));
-    out.slots_[number] = uint16_t(pos);
-    out.pointers_[pos] = out.arena_.data() + out.offsets_[number];
+    t.bitmap_[key >> 3] = uint8_t(t.bitmap_[key >> 3] | 1u << (key & 7));
+    t.slots_[number] = uint16_t(pos);
+    t.pointers_[pos] = t.arena_.data() + t.offsets_[number];
   }
-  out.desc_.patterns = out.pointers_.data();
-  out.desc_.index = out.index_.data();
-  out.desc_.bitmap = out.bitmap_.data();
-  out.desc_.count = uint16_t(n);
+  t.desc_.patterns = t.pointers_.data();
+  t.desc_.index = t.index_.data();
+  t.desc_.bitmap = t.bitmap_.data();
+  t.desc_.count = uint16_t(n);
+  out = std::move(t);
+  t = Table();
   return true;
+}
+
+bool Table::Build(std::span<const Filed> filed, Table& out, Refusal& refusal) {
+  TableBuilder builder;
+  size_t total = 0;
+  for (const Filed& f : filed) total += f.record.size();
+  builder.Reserve(filed.size(), total);
+  for (const Filed& f : filed) builder.Add(f.key, f.record);
+  return builder.Finish(out, refusal);
 }
 
 bool BuildTable(std::span<const Pattern> patterns, Table& out, Refusal& refusal) {

@@ -44,7 +44,7 @@ bool ParsePattern(std::string_view text, Pattern& out, std::string& reason);
 std::string FormatPattern(const Pattern& pattern);
 
 // Bytes one match can cover: every literal, plus the most each gap skips.
-uint32_t Span(const Pattern& pattern);
+uint32_t Span(std::span<const Element> pattern);
 
 // A record and the key it is filed under.
 struct Filed {
@@ -55,7 +55,7 @@ struct Filed {
 // Encodes a pattern as the search reads it: filed under its first two bytes
 // or, when its second element is a gap, under the gap key of its first
 // byte. On failure returns false and sets `reason`.
-bool EncodePattern(const Pattern& pattern, Filed& out, std::string& reason);
+bool EncodePattern(std::span<const Element> pattern, Filed& out, std::string& reason);
 
 // Files a pattern under an anchor inside it, for callers that check the
 // part before the anchor themselves (a scanner that picks rare anchors):
@@ -67,7 +67,7 @@ bool EncodePattern(const Pattern& pattern, Filed& out, std::string& reason);
 // a literal 0xDD or 0xDF where only a program can hold it is written as
 // "0xDD 1 N" (N within the next byte), which means the same; so this fails
 // only for an anchor that is not one of the two kinds.
-bool EncodeFrom(const Pattern& pattern, size_t anchor, Filed& out, std::string& reason);
+bool EncodeFrom(std::span<const Element> pattern, size_t anchor, Filed& out, std::string& reason);
 
 // Why a table was not built: the input position of the refused pattern
 // (kWholeTable when no single pattern is to blame) and the reason.
@@ -108,6 +108,8 @@ class Table {
   static bool Build(std::span<const Filed> filed, Table& out, Refusal& refusal);
 
  private:
+  friend class TableBuilder;
+
   std::vector<uint16_t> keys_;
   std::vector<uint8_t> arena_;   // every record, in input order
   std::vector<size_t> offsets_;  // record n is arena_[offsets_[n], offsets_[n + 1])
@@ -116,6 +118,19 @@ class Table {
   std::vector<SEARCH_BuscaTblBucket> index_;
   std::vector<uint8_t> bitmap_;
   SEARCH_BuscaTblDesc desc_{};
+};
+
+// Builds a table record by record (as Table::Build, without keeping every
+// record apart first).
+class TableBuilder {
+ public:
+  void Reserve(size_t records, size_t bytes);
+  void Add(uint16_t key, std::span<const uint8_t> record);
+  // Moves the records into `out`; refuses more than 65535.
+  bool Finish(Table& out, Refusal& refusal);
+
+ private:
+  Table table_;
 };
 
 // Encodes every pattern and builds their table. On failure returns false

@@ -25,7 +25,7 @@ TEST(Database, Accepts) {
   EXPECT_EQ(db.signatures[0].kind, SignatureKind::kCrc);
   EXPECT_EQ(db.signatures[0].column, 37u);
   EXPECT_EQ(db.signatures[0].crc, 0x739a3d8bu);
-  EXPECT_EQ(db.signatures[0].origin, "db.txt:3");
+  EXPECT_EQ(db.signatures[0].origin(), "db.txt:3");
   EXPECT_EQ(db.signatures[1].crc, 1298774147u);
   EXPECT_EQ(db.signatures[2].kind, SignatureKind::kPattern);
   EXPECT_EQ(db.signatures[2].pattern, "58 35 4F {0-3} 41");

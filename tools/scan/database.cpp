@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -54,7 +55,7 @@ std::string ParseLine(std::string_view line, Signature& sig) {
   }
   sig.name = name;
   const std::string_view kind = NextWord(line);
-  if (kind.empty()) return "signature '" + sig.name + "' has no kind (crc, pattern or md5)";
+  if (kind.empty()) return "signature '" + std::string(sig.name) + "' has no kind (crc, pattern or md5)";
   if (kind == "crc") {
     sig.kind = SignatureKind::kCrc;
     const std::string_view column = NextWord(line);
@@ -86,22 +87,44 @@ std::string ParseLine(std::string_view line, Signature& sig) {
 
 }  // namespace
 
-bool ParseDatabase(std::string_view text, const std::string& source, Database& db, std::string& error) {
-  std::vector<Signature> parsed;
-  const bool ok = patterns::ForEachContentLine(text, [&](std::string_view line, size_t line_number) {
-    Signature sig;
-    sig.origin = source + ":" + std::to_string(line_number);
+namespace {
+
+// Keeps `text` in the database under the name `source` and parses it; on
+// an error the database is left as it was.
+bool KeepAndParse(std::string text, const std::string& source, Database& db, std::string& error) {
+  db.texts.push_back(std::move(text));
+  db.sources.push_back(source);
+  const std::string_view kept = db.texts.back();
+  // Parsed after what the database holds, and dropped again on an error.
+  const size_t before = db.signatures.size();
+  size_t lines = 1;
+  for (const char* p = kept.data(), *end = p + kept.size();
+       (p = static_cast<const char*>(std::memchr(p, '\n', size_t(end - p)))) != nullptr; ++p) {
+    ++lines;
+  }
+  db.signatures.reserve(before + lines);
+  const bool ok = patterns::ForEachContentLine(kept, [&](std::string_view line, size_t line_number) {
+    Signature& sig = db.signatures.emplace_back();
+    sig.source = &db.sources.back();
+    sig.line = line_number;
     if (std::string message = ParseLine(line, sig); !message.empty()) {
-      error = sig.origin + ": " + message;
+      error = sig.origin() + ": " + message;
       return false;
     }
-    parsed.push_back(std::move(sig));
     return true;
   });
-  if (!ok) return false;
-  db.signatures.insert(db.signatures.end(), std::make_move_iterator(parsed.begin()),
-                       std::make_move_iterator(parsed.end()));
-  return true;
+  if (!ok) {
+    db.signatures.resize(before);
+    db.texts.pop_back();
+    db.sources.pop_back();
+  }
+  return ok;
+}
+
+}  // namespace
+
+bool ParseDatabase(std::string_view text, const std::string& source, Database& db, std::string& error) {
+  return KeepAndParse(std::string(text), source, db, error);
 }
 
 bool LoadDatabaseFile(const std::string& path, Database& db, std::string& error) {
@@ -112,7 +135,7 @@ bool LoadDatabaseFile(const std::string& path, Database& db, std::string& error)
   }
   std::ostringstream text;
   text << in.rdbuf();
-  return ParseDatabase(text.str(), path, db, error);
+  return KeepAndParse(std::move(text).str(), path, db, error);
 }
 
 std::string_view TestFileString() {

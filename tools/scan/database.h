@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,18 +21,34 @@ namespace vrk::scan {
 
 enum class SignatureKind { kCrc, kPattern, kMd5 };
 
+// A signature; its name and pattern text are views into the text its
+// Database keeps.
 struct Signature {
-  std::string name;
+  std::string_view name;
   SignatureKind kind = SignatureKind::kCrc;
   uint32_t column = 0;                // kCrc: 1 to 37
   uint32_t crc = 0;                   // kCrc
-  std::string pattern;                // kPattern: the text after "pattern"
+  std::string_view pattern;           // kPattern: the text after "pattern"
   std::array<uint8_t, 16> md5{};      // kMd5
-  std::string origin;                 // "file:line", for messages
+  const std::string* source = nullptr;  // the name of the file it came from
+  size_t line = 0;
+
+  // "file:line", for messages.
+  std::string origin() const { return (source ? *source : std::string()) + ":" + std::to_string(line); }
 };
 
+// Signatures with the texts they were read from (not copied: the views
+// point into it).
 struct Database {
+  Database() = default;
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+  Database(Database&&) = default;
+  Database& operator=(Database&&) = default;
+
   std::vector<Signature> signatures;
+  std::deque<std::string> texts;    // each database's text, as read
+  std::deque<std::string> sources;  // each database's name
 };
 
 // Parses `text`, naming it `source` in messages. On success appends every

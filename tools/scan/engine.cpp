@@ -41,14 +41,14 @@ constexpr std::array<uint8_t, 256> kByteWeights = [] {
 }();
 
 // How often a two-byte key turns up: runs of one byte (fill, padding) are
-// the commonest of all.
+// the commonest of all. At most 64 * 64 * 4 (15 bits).
 uint32_t PairWeight(uint8_t a, uint8_t b) {
   const uint32_t w = uint32_t(kByteWeights[a]) * kByteWeights[b];
   return a == b ? 4 * w : w;
 }
 
 // Whether the pattern's elements from k on match data[p, length).
-bool Matches(const builder::Pattern& e, size_t k, const unsigned char* data, uint32_t p, uint32_t length) {
+bool Matches(std::span<const builder::Element> e, size_t k, const unsigned char* data, uint32_t p, uint32_t length) {
   for (; k < e.size(); ++k) {
     if (!e[k].gap) {
       if (p >= length || data[p] != e[k].byte) return false;
@@ -97,10 +97,14 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
   std::unique_ptr<CompiledDatabase> out(new CompiledDatabase);
   std::vector<const Signature*> pattern_origin;
   std::array<std::vector<std::pair<uint32_t, int>>, SEARCH_CRC_COLUMNS> crc_cells;
+  out->name_at_.reserve(db.signatures.size() + 1);
+  out->name_at_.push_back(0);
+  builder::Pattern pattern;  // reused: parsed elements are kept in one array
 
   for (const Signature& sig : db.signatures) {
-    const int number = int(out->names_.size());
-    out->names_.push_back(sig.name);
+    const int number = int(out->name_at_.size() - 1);
+    out->name_text_ += sig.name;
+    out->name_at_.push_back(uint32_t(out->name_text_.size()));
     switch (sig.kind) {
       case SignatureKind::kCrc:
         crc_cells[sig.column].emplace_back(sig.crc, number);
@@ -109,14 +113,18 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
         out->md5_.emplace_back(sig.md5, number);
         break;
       case SignatureKind::kPattern: {
-        builder::Pattern pattern;
         std::string reason;
         if (!builder::ParsePattern(sig.pattern, pattern, reason)) {
-          error = sig.origin + ": " + reason;
+          error = sig.origin() + ": " + reason;
           return nullptr;
         }
         out->longest_pattern_ = std::max(out->longest_pattern_, builder::Span(pattern));
-        out->patterns_.push_back({std::move(pattern), {}, 0, 0, 0, number});
+        PatternEntry entry;
+        entry.elements_at = uint32_t(out->elements_.size());
+        entry.elements_size = uint32_t(pattern.size());
+        entry.signature = number;
+        out->elements_.insert(out->elements_.end(), pattern.begin(), pattern.end());
+        out->patterns_.push_back(entry);
         pattern_origin.push_back(&sig);
         break;
       }
@@ -154,20 +162,22 @@ bool CompiledDatabase::CompilePatterns(const std::vector<const Signature*>& orig
   // already has patterns costs less than a new one: its bucket is read
   // anyway wherever the key occurs.
   std::vector<uint16_t> key_use(SEARCH_BUSCATBL_KEYS, 0);
-  std::vector<builder::Filed> filed(patterns_.size());
+  builder::TableBuilder table;
+  table.Reserve(patterns_.size(), 3 * elements_.size() + 4 * patterns_.size());
+  builder::Filed filed;
   for (size_t n = 0; n < patterns_.size(); ++n) {
     PatternEntry& entry = patterns_[n];
-    const builder::Pattern& e = entry.elements;
+    const std::span<const builder::Element> e(elements_.data() + entry.elements_at, entry.elements_size);
     size_t anchor = SIZE_MAX;
-    uint64_t best_cost = UINT64_MAX;
+    uint32_t best_cost = UINT32_MAX;
     uint32_t lead_min = 0, lead_max = 0;
     for (size_t j = 0; j + 1 < e.size(); ++j) {
       if (!e[j].gap && !e[j + 1].gap && e[j + 1].byte != SEARCH_BUSCATBL_CODE_GAP) {
         const uint32_t key = uint32_t(SEARCH_BUSCATBL_KEY(e[j].byte, e[j + 1].byte));
         // Cost first; then an anchor at a fixed distance from the start,
         // then a nearer one, which are cheaper to check back from.
-        const uint64_t cost = (uint64_t(PairWeight(e[j].byte, e[j + 1].byte)) * (key_use[key] ? 1 : 2)) << 16 |
-                              uint64_t(lead_max != lead_min) << 15 | std::min<uint32_t>(lead_max, 0x7FFF);
+        const uint32_t cost = (PairWeight(e[j].byte, e[j + 1].byte) * (key_use[key] ? 1 : 2)) << 16 |
+                              uint32_t(lead_max != lead_min) << 15 | std::min<uint32_t>(lead_max, 0x7FFF);
         if (cost < best_cost) {
           best_cost = cost;
           anchor = j;
@@ -180,31 +190,37 @@ bool CompiledDatabase::CompilePatterns(const std::vector<const Signature*>& orig
     }
     std::string reason;
     bool encoded;
+    entry.anchor_at = uint32_t(anchors_.size());
     if (anchor != SIZE_MAX) {
-      encoded = builder::EncodeFrom(e, anchor, filed[n], reason);
-      for (size_t j = anchor; j < e.size() && !e[j].gap; ++j) entry.anchor.push_back(e[j].byte);
+      encoded = builder::EncodeFrom(e, anchor, filed, reason);
+      for (size_t j = anchor; j < e.size() && !e[j].gap; ++j) anchors_.push_back(e[j].byte);
     } else {
       // No two adjacent bytes: filed under the gap key of the first byte
       // ("b0 b1" as "b0 {0-0} b1").
-      builder::Pattern gapped = e;
-      if (!gapped[1].gap) gapped.insert(gapped.begin() + 1, builder::Element{true, 0, 0});
-      encoded = builder::EncodeFrom(gapped, 0, filed[n], reason);
-      entry.anchor = {e[0].byte};
+      builder::Pattern gapped = {e[0]};
+      if (!e[1].gap) gapped.push_back({true, 0, 0});
+      gapped.insert(gapped.end(), e.begin() + 1, e.end());
+      encoded = builder::EncodeFrom(gapped, 0, filed, reason);
+      anchors_.push_back(e[0].byte);
       entry.lead_min = entry.lead_max = 0;
     }
     if (!encoded) {
-      error = origins[n]->origin + ": pattern '" + origins[n]->name + "': " + reason;
+      error = origins[n]->origin() + ": pattern '" + std::string(origins[n]->name) + "': " + reason;
       return false;
     }
-    ++key_use[filed[n].key];
-    for (uint32_t i = 1; i < entry.anchor.size(); ++i) {
-      if (kByteWeights[entry.anchor[i]] < kByteWeights[entry.anchor[entry.probe]]) entry.probe = i;
+    entry.anchor_size = uint32_t(anchors_.size()) - entry.anchor_at;
+    table.Add(filed.key, filed.record);
+    ++key_use[filed.key];
+    const uint8_t* a = anchors_.data() + entry.anchor_at;
+    for (uint32_t i = 1; i < entry.anchor_size; ++i) {
+      if (kByteWeights[a[i]] < kByteWeights[a[entry.probe]]) entry.probe = i;
     }
     longest_lead_ = std::max(longest_lead_, entry.lead_max);
   }
   builder::Refusal refusal;
-  if (!builder::Table::Build(filed, pattern_table_, refusal)) {
-    error = refusal.pattern < origins.size() ? origins[refusal.pattern]->origin + ": " + refusal.reason : refusal.reason;
+  if (!table.Finish(pattern_table_, refusal)) {
+    error = refusal.pattern < origins.size() ? origins[refusal.pattern]->origin() + ": " + refusal.reason
+                                             : refusal.reason;
     return false;
   }
   return true;
@@ -225,8 +241,9 @@ uint32_t CompiledDatabase::FirstStart(const PatternEntry& entry, const unsigned 
   // first; each leads back to the starts it can belong to. A later
   // occurrence can still give an earlier start while it lies within the
   // longest lead of the best start so far.
-  const std::vector<uint8_t>& a = entry.anchor;
-  const uint32_t size = uint32_t(a.size());
+  const uint8_t* a = anchors_.data() + entry.anchor_at;
+  const uint32_t size = entry.anchor_size;
+  const std::span<const builder::Element> elements(elements_.data() + entry.elements_at, entry.elements_size);
   const uint32_t probe = entry.probe;
   const uint32_t end = std::min(length, anchors + probe);
   uint32_t best = kNoStart;
@@ -236,11 +253,11 @@ uint32_t CompiledDatabase::FirstStart(const PatternEntry& entry, const unsigned 
     i = uint32_t(static_cast<const unsigned char*>(at) - data);
     const uint32_t q = i - probe;
     if (best != kNoStart && q >= best + entry.lead_max) break;
-    if (size > length - q || std::memcmp(data + q, a.data(), size) != 0 || q < entry.lead_min) continue;
+    if (size > length - q || std::memcmp(data + q, a, size) != 0 || q < entry.lead_min) continue;
     const uint32_t first = q >= entry.lead_max ? q - entry.lead_max : 0;
     const uint32_t last = std::min({q - entry.lead_min, starts - 1, best == kNoStart ? UINT32_MAX : best - 1});
     for (uint32_t s = first; s <= last && s < starts; ++s) {
-      if (Matches(entry.elements, 0, data, s, length)) {
+      if (Matches(elements, 0, data, s, length)) {
         best = s;
         break;
       }
@@ -285,7 +302,7 @@ void CompiledDatabase::SearchRound(const unsigned char* data, uint32_t length, u
   std::sort(found.begin(), found.end());
   for (const auto& [start, n] : found) {
     scan.seen[n] = scan.file;
-    out.push_back({names_[size_t(patterns_[n].signature)], true, base + start});
+    out.push_back({Name(patterns_[n].signature), true, base + start});
   }
 }
 
@@ -298,7 +315,7 @@ void CompiledDatabase::CrcDetections(const unsigned char* head, uint32_t length,
   for (uint32_t i = 0; i < hits.count; ++i) {
     const SEARCH_CRCHit& hit = hits.entries[i];
     if (hit.column == 0 || hit.column >= SEARCH_CRC_COLUMNS) continue;
-    out.push_back({names_[crc_signatures_[hit.column][hit.position]], false, 0});
+    out.push_back({Name(crc_signatures_[hit.column][hit.position]), false, 0});
   }
   SEARCH_CRCFree(&hits);
 }
@@ -377,7 +394,7 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
   std::array<uint8_t, 16> digest;
   if (md5.Final(digest)) {
     auto it = std::lower_bound(md5_.begin(), md5_.end(), std::make_pair(digest, -1));
-    for (; it != md5_.end() && it->first == digest; ++it) report.detections.push_back({names_[it->second], false, 0});
+    for (; it != md5_.end() && it->first == digest; ++it) report.detections.push_back({Name(it->second), false, 0});
   }
   return report;
 }

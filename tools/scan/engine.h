@@ -37,7 +37,7 @@ class CompiledDatabase {
   // once before any scan: registrations must not overlap searches.
   void Register();
 
-  size_t signature_count() const { return names_.size(); }
+  size_t signature_count() const { return name_at_.empty() ? 0 : name_at_.size() - 1; }
   bool has_patterns() const { return pattern_table_.size() > 0; }
   bool has_crcs() const { return crc_cells_used_; }
   bool has_md5() const { return !md5_.empty(); }
@@ -56,10 +56,11 @@ class CompiledDatabase {
   // its anchor on: `lead_min` to `lead_max` bytes after the start of a
   // match, where the anchor's bytes `anchor` begin (for a pattern filed
   // under the gap key of its first byte, the anchor is that byte).
+  // Its elements and anchor bytes live in elements_ and anchors_.
   struct PatternEntry {
-    search::builder::Pattern elements;
-    std::vector<uint8_t> anchor;
-    uint32_t probe = 0;  // index in `anchor` of its byte least common in files
+    uint32_t elements_at = 0, elements_size = 0;
+    uint32_t anchor_at = 0, anchor_size = 0;
+    uint32_t probe = 0;  // index in the anchor of its byte least common in files
     uint32_t lead_min = 0;
     uint32_t lead_max = 0;
     int signature = 0;
@@ -84,7 +85,12 @@ class CompiledDatabase {
                       uint32_t starts) const;
   void CrcDetections(const unsigned char* head, uint32_t length, std::vector<Detection>& out) const;
 
-  std::vector<std::string> names_;  // signature names, by signature number
+  // Signature names, by signature number, one after another.
+  std::string name_text_;
+  std::vector<uint32_t> name_at_;
+  std::string Name(int signature) const {
+    return name_text_.substr(name_at_[size_t(signature)], name_at_[size_t(signature) + 1] - name_at_[size_t(signature)]);
+  }
 
   // CRC signatures: row 0 of a one-row table; per column the sorted values
   // and, in the same order, the signature each belongs to.
@@ -95,6 +101,8 @@ class CompiledDatabase {
 
   search::builder::Table pattern_table_;
   std::vector<PatternEntry> patterns_;  // by pattern number
+  std::vector<search::builder::Element> elements_;
+  std::vector<uint8_t> anchors_;
   uint32_t longest_pattern_ = 0;
   uint32_t longest_lead_ = 0;
 
