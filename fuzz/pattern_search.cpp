@@ -4,10 +4,14 @@
 //
 // Input: byte 0 = number of patterns (low 4 bits, plus 1); then per
 // pattern a length byte and that many element bytes, where 0xFE followed by
-// a byte is a gap of (byte & 63) and anything else a literal; then one byte
-// that shortens the positions searched; the rest is the data (at most 1024
-// bytes). Gaps are kept short and few so that backtracking stays bounded.
+// a byte is a gap of (byte & 63) and anything else a literal; then a mode
+// byte: bits 0-1 shorten the positions searched, bits 2-3 repeat each data
+// byte 1, 3, 40 or 300 times (runs of one byte, as in fill and padding),
+// bit 4 gives the result list room for 3 hits only; the rest is the data (at
+// most 1024 bytes, 4096 once repeated). Gaps are kept short and few so that
+// the reference's backtracking stays bounded.
 #include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -45,19 +49,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     patterns.push_back(std::move(parsed));
   }
   if (at >= size) return 0;
-  const uint8_t shorten = data[at++];
+  const uint8_t mode = data[at++];
   const uint8_t* buffer = data + at;
   const size_t available = size - at > 1024 ? 1024 : size - at;
   if (available < 1) return 0;
   // A private copy, so that reading past it is caught by the sanitizer.
-  std::vector<uint8_t> bytes(buffer, buffer + available);
+  static constexpr size_t kRepeat[] = {1, 3, 40, 300};
+  std::vector<uint8_t> repeated;
+  for (size_t i = 0; i < available && repeated.size() < 4096; ++i) {
+    repeated.insert(repeated.end(), std::min(kRepeat[(mode >> 2) & 3], 4096 - repeated.size()), buffer[i]);
+  }
+  const std::vector<uint8_t> bytes(repeated.begin(), repeated.end());  // exactly as long as the data
   const int length = int(bytes.size());
-  const int positions = length - 1 - (shorten % 4);
+  const int positions = length - 1 - (mode & 3);
 
   Table table;
   Refusal refusal;
   if (!BuildTable(patterns, table, refusal)) __builtin_trap();  // each pattern was accepted alone
-  std::vector<const unsigned char*> items(4096);
+  std::vector<const unsigned char*> items(mode & 16 ? 3 : 65536);
   SEARCH_BuscaTblList out{uint32_t(items.size()), 0, items.data()};
   SEARCH_BuscaTbl(0, table.mutable_desc(), bytes.data(), positions, length, &out);
   std::vector<const uint8_t*> expected;
