@@ -425,7 +425,7 @@ class GapPatterns {
     uint32_t used = 0;
     for (uint32_t b = 0; b < 256; ++b) {
       const Bucket bucket = ReadBucket(index, GapKey(uint8_t(b)));
-      const bool marked = (gap_row[b >> 3] >> (b & 7)) & 1u;
+      const bool marked = (uint32_t(gap_row[b >> 3]) >> (b & 7)) & 1u;
       lists_[b] = {kUnlisted, uint16_t(marked ? bucket.count : 0), uint16_t(bucket.first)};
       if (!marked || bucket.count > kRoom - used) continue;
       lists_[b].start = uint16_t(used);
@@ -527,7 +527,7 @@ class Search {
   static_assert(kBlock + kMaxWindow < kNoLink, "chain links are offsets in a block and its reach");
 
   bool Full() const { return out_->count >= out_->capacity; }
-  bool GapKeyPresent(uint8_t b0) const { return (t_.bitmap[kGapKeyRow + (b0 >> 3)] >> (b0 & 7)) & 1u; }
+  bool GapKeyPresent(uint8_t b0) const { return (uint32_t(t_.bitmap[kGapKeyRow + (b0 >> 3)]) >> (b0 & 7)) & 1u; }
 
   // Marks the positions of [base, end) that have a bucket under each rule;
   // returns how many have one under the gap rule.
