@@ -17,6 +17,8 @@ namespace builder = search::builder;
 
 constexpr uint32_t kFingerprintBytes = 2048;
 constexpr uint32_t kNoStart = UINT32_MAX;
+// Literal bytes an anchor should have from it to the pattern's end.
+constexpr uint32_t kAnchorLiterals = 6;
 
 // How common each byte value is in the files scanners meet, roughly and
 // relatively: zero and 0xFF fill, text, and the bytes of common i386
@@ -171,7 +173,17 @@ bool CompiledDatabase::CompilePatterns(const std::vector<const Signature*>& orig
     size_t anchor = SIZE_MAX;
     uint32_t best_cost = UINT32_MAX;
     uint32_t lead_min = 0, lead_max = 0;
+    // The library reports an anchor wherever it and the rest of the pattern
+    // after it match, and each report makes the scanner look for the
+    // anchor's occurrences: an anchor needs enough literal bytes from it to
+    // the end that the data rarely holds them by chance.
+    uint32_t literals_after = 0;
+    for (const builder::Element& x : e) literals_after += x.gap ? 0 : 1;
+    const uint32_t needed_after = std::min(literals_after, kAnchorLiterals);
     for (size_t j = 0; j + 1 < e.size(); ++j) {
+      const uint32_t from_here = literals_after;
+      literals_after -= e[j].gap ? 0 : 1;
+      if (from_here < needed_after) break;
       if (!e[j].gap && !e[j + 1].gap && e[j + 1].byte != SEARCH_BUSCATBL_CODE_GAP) {
         const uint32_t key = uint32_t(SEARCH_BUSCATBL_KEY(e[j].byte, e[j + 1].byte));
         // Cost first; then an anchor at a fixed distance from the start,
