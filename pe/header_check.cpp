@@ -4,31 +4,20 @@
 
 #include <cstring>
 
+#include "pe/format.h"
+
 namespace vrk::pe {
 namespace {
 
-constexpr uint32_t kNtSignature = 0x00004550;  // "PE\0\0"
-constexpr uint16_t kMachineI386 = 0x014C;
-constexpr uint16_t kMagicPe32 = 0x010B;
-constexpr uint16_t kFileExecutable = 0x0002;
 constexpr uint32_t kMaxImageSize = 0x77000000;
 constexpr uint32_t kMaxSections = 96;
 constexpr int32_t kMaxReadable = 1024;
 
 constexpr uint32_t RoundUp(uint32_t x, uint32_t a) { return (x + a - 1) & ~(a - 1); }
 
-// The extent of a section as the Ex lookups and the verifier see it: the
-// virtual size, falling back to the raw size for sections that leave it 0.
-constexpr uint32_t ExtentOrRaw(const PE_IMAGE_SECTION_HEADER& s) {
-  return s.VirtualSize != 0 ? s.VirtualSize : s.SizeOfRawData;
-}
-
 }  // namespace
 
-bool IsMz(const uint8_t* bytes) {
-  const uint16_t v = uint16_t(bytes[0] | bytes[1] << 8);
-  return v == 0x5A4D || v == 0x4D5A;
-}
+bool IsMz(const uint8_t* bytes) { return IsDosMagic(uint16_t(bytes[0] | bytes[1] << 8)); }
 
 bool IsPe(const uint8_t* bytes) {
   uint32_t v;
@@ -105,46 +94,21 @@ uint32_t FileOffsetOfRva(const PE_IMAGE_SECTION_HEADER* sections, int count, uin
 
 int SectionOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
                    uint32_t& index) {
-  const uint32_t count = nt.FileHeader.NumberOfSections;
-  if (count != 0 && sections) {
-    // The table is taken as sorted: the first section starting above the
-    // RVA ends the scan.
-    for (uint32_t i = 0; i < count; ++i) {
-      const PE_IMAGE_SECTION_HEADER& s = sections[i];
-      if (rva < s.VirtualAddress) {
-        if (i == 0) break;
-        index = i - 1;
-        return PE_RVA_IN_GAP;
-      }
-      if (rva < s.VirtualAddress + ExtentOrRaw(s)) {  // the sum wraps as it will
-        index = i;
-        return PE_RVA_IN_SECTION;
-      }
-    }
-    if (rva >= sections[0].VirtualAddress) {
-      index = count - 1;
-      return PE_RVA_PAST_SECTIONS;
-    }
-  }
-  index = 0;
-  return rva >= nt.OptionalHeader.SizeOfHeaders ? PE_RVA_BEFORE_SECTIONS : PE_RVA_IN_HEADERS;
+  return int(LocateRva(sections, nt.FileHeader.NumberOfSections, nt.OptionalHeader.SizeOfHeaders, rva, index));
 }
 
 int FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
                       uint32_t& pos) {
   uint32_t i = 0;
-  switch (SectionOfRvaEx(sections, nt, rva, i)) {
-    case PE_RVA_IN_HEADERS:
+  switch (LocateRva(sections, nt.FileHeader.NumberOfSections, nt.OptionalHeader.SizeOfHeaders, rva, i)) {
+    case Placement::kInHeaders:
       pos = rva;
       return kMaxReadable;
-    case PE_RVA_IN_SECTION:
-    case PE_RVA_PAST_SECTIONS: {
+    case Placement::kInSection:
+    case Placement::kPastSections: {
       // Past the last section's virtual end there may still be raw bytes.
-      const uint32_t off = rva - sections[i].VirtualAddress;
-      const int32_t avail = int32_t(sections[i].SizeOfRawData - off);
-      if (avail < 1) return 0;
-      pos = off + sections[i].PointerToRawData;
-      return avail > kMaxReadable ? kMaxReadable : avail;
+      const uint32_t available = RawBytesAt(sections[i], rva, pos);
+      return available > uint32_t(kMaxReadable) ? kMaxReadable : int32_t(available);
     }
     default:
       return 0;

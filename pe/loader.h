@@ -16,10 +16,6 @@ uint32_t GetProcAddress(PELOAD_MODULE* module, const char* key);
 int FreeLibrary(PELOAD_MODULE* module);
 int GetDllNameH(VFileHandle handle, char* dst, uint32_t len);
 
-// The loading sequence of one PE module: a new image record, or null with
-// everything it built released (references taken by import binding stay).
-PELOAD_IMAGE* LoadImageModule(VFileHandle handle, MODLOAD_PROCESS* process);
-
 // Binds the image's imports by name or ordinal against the process's
 // modules, loading missing ones by name. kOk, or the reason it stopped.
 Status BindImports(const ImageSpan& image, MODLOAD_PROCESS* process);

@@ -1,6 +1,9 @@
-// One PE image: reading it from a virtual file into memory laid out as it
-// runs, relocating it, listing its exports, reading its name and starting
-// it. Every step reads the image through ImageSpan only.
+// The stages one PE image goes through, each in a file of its own: reading it
+// from a virtual file into memory laid out as it runs (image_read.cpp),
+// relocating it (image_relocate.cpp), listing its exports and reading its
+// name (image_exports.cpp) and starting it (image_entry.cpp). Every stage
+// reads the image through ImageSpan only. The loader runs them in order
+// (pipeline.cpp).
 #pragma once
 
 #include <cstdint>
@@ -49,12 +52,5 @@ int GetImageName(const ImageSpan& image, char* dst, uint32_t len);
 // Runs the DLL entry point with (base, 1, process) when the image asks for
 // it; 1 when it is not called, else its result (0: the module refuses).
 int CallEntryPoint(const ImageSpan& image, MODLOAD_PROCESS* process);
-
-// Releases an image record: its block (unless in place), its export list
-// and the record itself. Null does nothing.
-void FreeImage(PELOAD_IMAGE* record);
-
-// The span of a record's image.
-inline ImageSpan SpanOf(const PELOAD_IMAGE& record) { return ImageSpan(record.image, record.size); }
 
 }  // namespace vrk::pe
