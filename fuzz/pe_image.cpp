@@ -73,8 +73,8 @@ void Reader(std::vector<uint8_t>& bytes, int mode) {
 
 // The tool's reading of a file: every export and import through a FileView.
 struct Ignore {
-  vrk::Status Module(const char*) { return vrk::Status::kOk; }
-  vrk::Status Entry(const vrk::pe::ImportEntry&) { return vrk::Status::kOk; }
+  vrk::pe::LoadStatus Module(const char*) { return vrk::pe::LoadStatus::kOk; }
+  vrk::pe::LoadStatus Entry(const vrk::pe::ImportEntry&) { return vrk::pe::LoadStatus::kOk; }
 };
 
 void FileWalks(vrk::ByteView file, uint32_t lfanew, const PE_IMAGE_NT_HEADERS32& nt) {

@@ -61,6 +61,53 @@ constexpr uint64_t ImageBlockSize(const PE_IMAGE_NT_HEADERS32& nt) {
   return uint64_t(nt.OptionalHeader.SizeOfImage) + nt.OptionalHeader.SectionAlignment;
 }
 
+// ---- What the image reader takes ----
+
+// Why a PE image does not load. The loader's stages answer with it, and so do
+// the checks and walks below, which the vrkutil tool shares to say why.
+enum class [[nodiscard]] LoadStatus : uint8_t {
+  kOk,
+  kIoError,         // a seek or read of the headers failed or came up short
+  kNoMemory,        // the allocator refused a block
+  kNotMz,           // the DOS header does not start with "MZ"
+  kHeadersTooFar,   // e_lfanew lies beyond 2 GiB, where no file position reaches
+  kNotPe,           // the NT signature is neither "PE\0\0" nor "QE\0\0"
+  kNoRelocations,   // no base relocations
+  kImageTooSmall,   // SizeOfImage + SectionAlignment wraps, or cannot hold the NT headers
+  kImportOutside,   // an import descriptor, name, thunk or slot lies outside the image
+  kBadOrdinal,      // an import by an ordinal above 0xFFFF
+  kModuleNotFound,  // an imported DLL is neither listed nor given by the load callback
+  kProcNotFound,    // an imported function is missing from its module
+  kEntryOutside,    // the entry point lies outside the image
+  kEntryRefused,    // the entry point returned 0
+};
+
+// The DOS header as the image reader takes it: "MZ" (see the MZ rule) and an
+// e_lfanew that a seek can reach (file positions end at 2 GiB).
+constexpr LoadStatus CheckDosHeader(uint16_t magic, uint32_t lfanew) {
+  if (!IsLoadableDosMagic(magic)) return LoadStatus::kNotMz;
+  if (lfanew > uint32_t(INT32_MAX)) return LoadStatus::kHeadersTooFar;
+  return LoadStatus::kOk;
+}
+
+// The NT headers as the image reader takes them. Images are never loaded at
+// their preferred base, so one without relocations cannot run.
+constexpr LoadStatus CheckNtHeaders(const PE_IMAGE_NT_HEADERS32& nt) {
+  if (!IsLoadableNtSignature(nt.Signature)) return LoadStatus::kNotPe;
+  if (Directory(nt, PE_DIRECTORY_ENTRY_BASERELOC).Size == 0) return LoadStatus::kNoRelocations;
+  return LoadStatus::kOk;
+}
+
+// The block of a copied image, in `size`: it must not wrap and must hold the
+// NT headers that every later stage reads.
+constexpr LoadStatus CheckImageBlock(const PE_IMAGE_NT_HEADERS32& nt, uint32_t lfanew, uint32_t& size) {
+  const uint64_t block = ImageBlockSize(nt);
+  if (block > UINT32_MAX) return LoadStatus::kImageTooSmall;
+  size = uint32_t(block);
+  if (lfanew > size || kNtHeadersSize > size - lfanew) return LoadStatus::kImageTooSmall;
+  return LoadStatus::kOk;
+}
+
 // ---- Section table ----
 
 inline constexpr uint32_t kSectionHeaderSize = sizeof(PE_IMAGE_SECTION_HEADER);

@@ -4,14 +4,12 @@
 
 #include <cstring>
 
-#include "pe/format.h"
-
 namespace vrk::pe {
 namespace {
 
 constexpr uint32_t kMaxImageSize = 0x77000000;
 constexpr uint32_t kMaxSections = 96;
-constexpr int32_t kMaxReadable = 1024;
+constexpr uint32_t kMaxReadable = 1024;
 
 constexpr uint32_t RoundUp(uint32_t x, uint32_t a) { return (x + a - 1) & ~(a - 1); }
 
@@ -25,33 +23,33 @@ bool IsPe(const uint8_t* bytes) {
   return v == kNtSignature;
 }
 
-uint32_t VerifyImageHeader(const PE_IMAGE_NT_HEADERS32& nt, const PE_IMAGE_SECTION_HEADER* sections) {
+HeaderVerdict CheckImageHeader(const PE_IMAGE_NT_HEADERS32& nt, const PE_IMAGE_SECTION_HEADER* sections) {
   const PE_IMAGE_FILE_HEADER& fh = nt.FileHeader;
   const PE_IMAGE_OPTIONAL_HEADER32& oh = nt.OptionalHeader;
   // Something that is not NT headers at all is reported apart from a
   // malformed image.
-  if (nt.Signature != kNtSignature) return PE_STATUS_INVALID_IMAGE_PROTECT;
-  if (fh.Machine == 0 && fh.SizeOfOptionalHeader == 0) return PE_STATUS_INVALID_IMAGE_PROTECT;
+  if (nt.Signature != kNtSignature) return HeaderVerdict::kNotNtHeaders;
+  if (fh.Machine == 0 && fh.SizeOfOptionalHeader == 0) return HeaderVerdict::kNotNtHeaders;
 
-  if (!(fh.Characteristics & kFileExecutable)) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (oh.Magic != kMagicPe32) return PE_STATUS_INVALID_IMAGE_FORMAT;
+  if (!(fh.Characteristics & kFileExecutable)) return HeaderVerdict::kMalformed;
+  if (oh.Magic != kMagicPe32) return HeaderVerdict::kMalformed;
   const uint32_t file_align = oh.FileAlignment;
   const uint32_t sect_align = oh.SectionAlignment;
   // A file alignment below 512 is allowed only for images laid out in the
   // file as they run (both alignments equal).
-  if ((file_align & 0x1FF) != 0 && file_align != sect_align) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (file_align == 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
+  if ((file_align & 0x1FF) != 0 && file_align != sect_align) return HeaderVerdict::kMalformed;
+  if (file_align == 0) return HeaderVerdict::kMalformed;
   // Zero passes this test; the SizeOfHeaders check below catches it.
-  if ((sect_align & (sect_align - 1)) != 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if ((file_align & (file_align - 1)) != 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (oh.SizeOfImage > kMaxImageSize) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (fh.NumberOfSections > kMaxSections) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (fh.Machine != kMachineI386) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if ((oh.ImageBase & 0xFFFF) != 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
+  if ((sect_align & (sect_align - 1)) != 0) return HeaderVerdict::kMalformed;
+  if ((file_align & (file_align - 1)) != 0) return HeaderVerdict::kMalformed;
+  if (oh.SizeOfImage > kMaxImageSize) return HeaderVerdict::kMalformed;
+  if (fh.NumberOfSections > kMaxSections) return HeaderVerdict::kMalformed;
+  if (fh.Machine != kMachineI386) return HeaderVerdict::kMalformed;
+  if ((oh.ImageBase & 0xFFFF) != 0) return HeaderVerdict::kMalformed;
   const uint32_t headers = oh.SizeOfHeaders;
   // The last test refuses an alignment below 2 and a rounding that wraps.
   if (headers == 0 || headers >= oh.SizeOfImage || headers + sect_align - 1 <= headers)
-    return PE_STATUS_INVALID_IMAGE_FORMAT;
+    return HeaderVerdict::kMalformed;
 
   // Sections must follow one another without gaps or overlaps, each at the
   // previous one's end rounded up to the section alignment.
@@ -60,15 +58,15 @@ uint32_t VerifyImageHeader(const PE_IMAGE_NT_HEADERS32& nt, const PE_IMAGE_SECTI
     const PE_IMAGE_SECTION_HEADER& s = sections[i];
     const uint32_t extent = ExtentOrRaw(s);
     const uint32_t raw_end = s.PointerToRawData + s.SizeOfRawData;
-    if (raw_end < s.PointerToRawData) return PE_STATUS_INVALID_IMAGE_FORMAT;
-    if (RoundUp(raw_end, file_align) < s.PointerToRawData) return PE_STATUS_INVALID_IMAGE_FORMAT;
-    if (s.VirtualAddress != expected) return PE_STATUS_INVALID_IMAGE_FORMAT;
-    if (extent == 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
+    if (raw_end < s.PointerToRawData) return HeaderVerdict::kMalformed;
+    if (RoundUp(raw_end, file_align) < s.PointerToRawData) return HeaderVerdict::kMalformed;
+    if (s.VirtualAddress != expected) return HeaderVerdict::kMalformed;
+    if (extent == 0) return HeaderVerdict::kMalformed;
     const uint32_t next = RoundUp(extent + expected, sect_align);
-    if (next <= expected) return PE_STATUS_INVALID_IMAGE_FORMAT;
+    if (next <= expected) return HeaderVerdict::kMalformed;
     expected = next;
   }
-  return PE_STATUS_OK;
+  return HeaderVerdict::kSound;
 }
 
 uint32_t SectionOfRva(const PE_IMAGE_SECTION_HEADER* sections, int count, uint32_t rva) {
@@ -92,15 +90,15 @@ uint32_t FileOffsetOfRva(const PE_IMAGE_SECTION_HEADER* sections, int count, uin
   return rva - sections[i].VirtualAddress + sections[i].PointerToRawData;
 }
 
-int SectionOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
-                   uint32_t& index) {
-  return int(LocateRva(sections, nt.FileHeader.NumberOfSections, nt.OptionalHeader.SizeOfHeaders, rva, index));
+Placement SectionOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
+                         uint32_t& index) {
+  return LocateRva(sections, nt.FileHeader.NumberOfSections, nt.OptionalHeader.SizeOfHeaders, rva, index);
 }
 
-int FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
-                      uint32_t& pos) {
+uint32_t FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
+                           uint32_t& pos) {
   uint32_t i = 0;
-  switch (LocateRva(sections, nt.FileHeader.NumberOfSections, nt.OptionalHeader.SizeOfHeaders, rva, i)) {
+  switch (SectionOfRvaEx(sections, nt, rva, i)) {
     case Placement::kInHeaders:
       pos = rva;
       return kMaxReadable;
@@ -108,7 +106,7 @@ int FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT
     case Placement::kPastSections: {
       // Past the last section's virtual end there may still be raw bytes.
       const uint32_t available = RawBytesAt(sections[i], rva, pos);
-      return available > uint32_t(kMaxReadable) ? kMaxReadable : int32_t(available);
+      return available > kMaxReadable ? kMaxReadable : available;
     }
     default:
       return 0;

@@ -3,21 +3,20 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame/block.h"
 #include "pe/image.h"
 #include "pe/walk.h"
 #include "vrkalloc.h"
 
 namespace vrk::pe {
 
-ExportSlot* BuildExportTable(const ImageSpan& image) {
+Block<ExportSlot> BuildExportTable(const ImageSpan& image) {
   PE_IMAGE_NT_HEADERS32 nt;
   ExportWalk<ImageSpan> walk;
   // No directory (or one outside the image): no exports, the closing slot
   // alone.
   const uint32_t functions = image.NtHeaders(nt) && walk.Open(image, nt) ? walk.functions() : 0;
   Block<ExportSlot> slots(Pcalloc(functions + 1, sizeof(ExportSlot), 0));
-  if (!slots) return nullptr;
+  if (!slots) return slots;
   for (uint32_t i = 0; i < functions; ++i) {
     const uint32_t rva = walk.FunctionRva(i);
     if (rva != 0) {
@@ -31,7 +30,7 @@ ExportSlot* BuildExportTable(const ImageSpan& image) {
     }
   }
   walk.ForEachName([&](uint32_t index, const char* name) { slots[index].name = name; });  // later names win
-  return slots.release();
+  return slots;
 }
 
 void AddExports(const ExportSlot* slots, PELOAD_EXPORT** head) {
@@ -54,20 +53,18 @@ void FreeExports(PELOAD_EXPORT* head) {
   }
 }
 
-int GetImageName(const ImageSpan& image, char* dst, uint32_t len) {
-  if (!image) return 0;
-  if (len == 0) return 1;
+void GetImageName(const ImageSpan& image, char* dst, uint32_t len) {
+  if (!image || len == 0) return;
   std::memset(dst, 0, len);
   PE_IMAGE_NT_HEADERS32 nt;
   ExportWalk<ImageSpan> walk;
   // Without a readable export directory the name is empty (rather than
   // whatever lies at RVA 0).
-  if (!image.NtHeaders(nt) || !walk.Open(image, nt)) return 1;
+  if (!image.NtHeaders(nt) || !walk.Open(image, nt)) return;
   // A name running to the image end without a terminator is cut there.
   const uint32_t name = walk.directory().Name;
   const uint32_t length = std::min(image.BoundedLength(name), len - 1);
   if (length != 0) std::memcpy(dst, image.At(name, length), length);
-  return 1;
 }
 
 }  // namespace vrk::pe

@@ -71,49 +71,43 @@ void CopySections(VFileHandle handle, const ImageSpan& image, uint32_t size_of_h
 
 }  // namespace
 
-ImageSpan ReadImage(VFileHandle handle, int& in_place) {
+LoadStatus ReadImage(VFileHandle handle, int& in_place, ImageSpan& image) {
   in_place = 0;
   uint8_t dos[kDosHeaderSize];
-  if (VSeek(handle, 0, 0) != 0) return {};
-  if (VRead(dos, 1, kDosHeaderSize, handle) != kDosHeaderSize) return {};
+  if (VSeek(handle, 0, 0) != 0) return LoadStatus::kIoError;
+  if (VRead(dos, 1, kDosHeaderSize, handle) != kDosHeaderSize) return LoadStatus::kIoError;
   const ByteView dos_view(dos, kDosHeaderSize);
   uint16_t magic = 0;
   uint32_t lfanew = 0;
-  if (!dos_view.Read(0, magic) || !IsLoadableDosMagic(magic) || !dos_view.Read(kLfanewOffset, lfanew)) return {};
-  // Positions beyond 2 GiB cannot be sought: the file cannot hold them.
-  if (lfanew > uint32_t(INT32_MAX)) return {};
-  if (VSeek(handle, int32_t(lfanew), 0) != 0) return {};
+  (void)dos_view.Read(0, magic);
+  (void)dos_view.Read(kLfanewOffset, lfanew);
+  if (const LoadStatus s = CheckDosHeader(magic, lfanew); s != LoadStatus::kOk) return s;
+  if (VSeek(handle, int32_t(lfanew), 0) != 0) return LoadStatus::kIoError;
   PE_IMAGE_NT_HEADERS32 nt;
-  if (VRead(&nt, 1, kNtHeadersSize, handle) != kNtHeadersSize) return {};
-  if (!IsLoadableNtSignature(nt.Signature)) return {};
-  const PE_IMAGE_OPTIONAL_HEADER32& oh = nt.OptionalHeader;
-  const PE_IMAGE_DATA_DIRECTORY& relocs = Directory(nt, PE_DIRECTORY_ENTRY_BASERELOC);
-  // Images are never loaded at their preferred base, so one without
-  // relocations cannot run.
-  if (relocs.Size == 0) return {};
+  if (VRead(&nt, 1, kNtHeadersSize, handle) != kNtHeadersSize) return LoadStatus::kIoError;
+  if (const LoadStatus s = CheckNtHeaders(nt); s != LoadStatus::kOk) return s;
 
   // A file laid out as it runs (one section, equal alignments, no relocation
   // walk) may be used where the virtual-file library holds it.
-  if (relocs.Size == kNoRelocationWalk && nt.FileHeader.NumberOfSections == 1 &&
+  const PE_IMAGE_OPTIONAL_HEADER32& oh = nt.OptionalHeader;
+  if (Directory(nt, PE_DIRECTORY_ENTRY_BASERELOC).Size == kNoRelocationWalk && nt.FileHeader.NumberOfSections == 1 &&
       oh.SectionAlignment == oh.FileAlignment) {
     uint32_t size = 0;
     if (uint8_t* memory = ProbeInPlace(handle, lfanew, nt, size)) {
       in_place = 1;
-      return ImageSpan(memory, size);
+      image = ImageSpan(memory, size);
+      return LoadStatus::kOk;
     }
   }
 
-  // A block whose size wraps, or one too small to hold the NT headers that
-  // every later step reads, fails the read before anything is allocated.
-  const uint64_t block_size = ImageBlockSize(nt);
-  if (block_size > UINT32_MAX) return {};
-  const uint32_t size = uint32_t(block_size);
-  if (!ImageSpan(nullptr, size).Has(lfanew, kNtHeadersSize)) return {};
+  // The block is checked before anything is allocated.
+  uint32_t size = 0;
+  if (const LoadStatus s = CheckImageBlock(nt, lfanew, size); s != LoadStatus::kOk) return s;
   ExecBlock block(PcallocX(size, 1, 0));
-  if (!block) return {};
-  const ImageSpan image(block.get(), size);
-  CopySections(handle, image, oh.SizeOfHeaders);
-  return ImageSpan(block.release(), size);
+  if (!block) return LoadStatus::kNoMemory;
+  CopySections(handle, ImageSpan(block.get(), size), oh.SizeOfHeaders);
+  image = ImageSpan(block.release(), size);
+  return LoadStatus::kOk;
 }
 
 }  // namespace vrk::pe

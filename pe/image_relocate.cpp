@@ -5,13 +5,12 @@
 
 namespace vrk::pe {
 
-int ApplyRelocations(const ImageSpan& image) {
-  if (!image) return 1;
+void ApplyRelocations(const ImageSpan& image) {
   PE_IMAGE_NT_HEADERS32 nt;
-  if (!image.NtHeaders(nt)) return 0;
+  if (!image || !image.NtHeaders(nt)) return;
   const uint32_t delta = image.Address(0) - nt.OptionalHeader.ImageBase;
   const PE_IMAGE_DATA_DIRECTORY& dir = Directory(nt, PE_DIRECTORY_ENTRY_BASERELOC);
-  if (dir.Size == kNoRelocationWalk) return 0;
+  if (dir.Size == kNoRelocationWalk) return;
   // The directory is cut at the image end (and at a wrapping sum).
   uint32_t end = dir.VirtualAddress + dir.Size;
   if (end < dir.VirtualAddress || end > image.size()) end = image.size();
@@ -43,7 +42,6 @@ int ApplyRelocations(const ImageSpan& image) {
     // Every entry lay inside the image, so this cannot wrap.
     offset += 8 + 2 * entries;
   }
-  return 0;
 }
 
 }  // namespace vrk::pe

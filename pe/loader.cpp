@@ -14,7 +14,7 @@
 namespace vrk::pe {
 namespace {
 
-// Keys of GetProcAddress: a pointer value above 0xFFFF is a name.
+// Keys of FindProc: a pointer value above 0xFFFF is a name.
 bool IsNameKey(const char* key) { return reinterpret_cast<uintptr_t>(key) > kMaxOrdinal; }
 
 // Unlinks `module` from its owner's list.
@@ -80,17 +80,17 @@ class Binder {
  public:
   Binder(const ImageSpan& image, MODLOAD_PROCESS* process) : image_(image), process_(process) {}
 
-  Status Module(const char* dll) {
-    module_ = LoadLibraryEx(dll, process_, 0);
-    return module_ ? Status::kOk : Status::kNotFound;
+  LoadStatus Module(const char* dll) {
+    module_ = LoadModule(dll, process_, 0);
+    return module_ ? LoadStatus::kOk : LoadStatus::kModuleNotFound;
   }
 
-  Status Entry(const ImportEntry& entry) {
+  LoadStatus Entry(const ImportEntry& entry) {
     const char* key = entry.name ? entry.name : reinterpret_cast<const char*>(uintptr_t(entry.ordinal));
-    const uint32_t address = GetProcAddress(module_, key);
-    if (address == 0) return Status::kNotFound;
+    const uint32_t address = FindProc(module_, key);
+    if (address == 0) return LoadStatus::kProcNotFound;
     (void)image_.Write(entry.slot, address);
-    return Status::kOk;
+    return LoadStatus::kOk;
   }
 
  private:
@@ -101,9 +101,9 @@ class Binder {
 
 }  // namespace
 
-Status BindImports(const ImageSpan& image, MODLOAD_PROCESS* process) {
+LoadStatus BindImports(const ImageSpan& image, MODLOAD_PROCESS* process) {
   PE_IMAGE_NT_HEADERS32 nt;
-  if (!image || !image.NtHeaders(nt)) return Status::kBadInput;
+  if (!image || !image.NtHeaders(nt)) return LoadStatus::kImageTooSmall;
   Binder binder(image, process);
   return WalkImports(image, nt, binder);
 }
@@ -125,7 +125,7 @@ PELOAD_MODULE* NewModuleEntry(PELOAD_MODULE** head, const char* name) {
   return entry;
 }
 
-PELOAD_MODULE* LoadLibraryEx(const void* name_or_handle, MODLOAD_PROCESS* process, uint32_t flags) {
+PELOAD_MODULE* LoadModule(const void* name_or_handle, MODLOAD_PROCESS* process, uint32_t flags) {
   if (!process) return nullptr;
   // A PE module is not looked for first: loading one file twice gives two
   // entries with two images.
@@ -133,7 +133,7 @@ PELOAD_MODULE* LoadLibraryEx(const void* name_or_handle, MODLOAD_PROCESS* proces
   return LoadByName(static_cast<const char*>(name_or_handle), process);
 }
 
-uint32_t GetProcAddress(PELOAD_MODULE* module, const char* key) {
+uint32_t FindProc(PELOAD_MODULE* module, const char* key) {
   if (!module || !key) return 0;
   if (module->kind == PELOAD_KIND_NATIVE) return module->owner->getProc(module->handle, key);
   const auto* record = static_cast<const PELOAD_IMAGE*>(module->handle);
@@ -152,8 +152,8 @@ uint32_t GetProcAddress(PELOAD_MODULE* module, const char* key) {
   return 0;
 }
 
-int FreeLibrary(PELOAD_MODULE* module) {
-  if (!module || module->refcount < 1) return 1;
+void ReleaseModule(PELOAD_MODULE* module) {
+  if (!module || module->refcount < 1) return;
   if (--module->refcount == 0 && module->kind == PELOAD_KIND_NATIVE) {
     // The handle is gone, so the entry goes too: a later load by this name
     // asks the load callback again, and teardown cannot free it twice.
@@ -161,17 +161,16 @@ int FreeLibrary(PELOAD_MODULE* module) {
     Unlink(module);
     Pfree(module);
   }
-  return 1;
 }
 
-int GetDllNameH(VFileHandle handle, char* dst, uint32_t len) {
-  if (!handle) return 0;
+LoadStatus ReadDllName(VFileHandle handle, char* dst, uint32_t len) {
+  if (!handle) return LoadStatus::kIoError;
   int in_place = 0;
-  const ImageSpan image = ReadImage(handle, in_place);
-  if (!image) return 0;
-  const int result = GetImageName(image, dst, len);
+  ImageSpan image;
+  if (const LoadStatus s = ReadImage(handle, in_place, image); s != LoadStatus::kOk) return s;
+  GetImageName(image, dst, len);
   if (!in_place) PfreeX(image.base());
-  return result;
+  return LoadStatus::kOk;
 }
 
 void FreeModuleChain(PELOAD_MODULE* first) {

@@ -3,7 +3,6 @@
 // it, which copes with every stage of completion.
 #include "pe/pipeline.h"
 
-#include "frame/status.h"
 #include "pe/image.h"
 #include "pe/loader.h"
 #include "vrkalloc.h"
@@ -20,39 +19,36 @@ struct LoadContext {
 
 // Headers and sections into memory; the name is taken at once so that it is
 // set however far the load gets.
-Status StageRead(LoadContext& c) {
-  c.image = ReadImage(c.handle, c.record->inPlace);
+LoadStatus StageRead(LoadContext& c) {
+  const LoadStatus status = ReadImage(c.handle, c.record->inPlace, c.image);
   c.record->image = c.image.base();
   c.record->size = c.image.size();
   GetImageName(c.image, c.record->name, PELOAD_NAME_SIZE);
-  return c.image ? Status::kOk : Status::kBadInput;
+  return status;
 }
 
 // Fix absolute addresses for the base the block happens to have.
-Status StageRelocate(LoadContext& c) {
-  (void)ApplyRelocations(c.image);
-  return Status::kOk;
+LoadStatus StageRelocate(LoadContext& c) {
+  ApplyRelocations(c.image);
+  return LoadStatus::kOk;
 }
 
 // Every import must resolve; a module with a hole in its address table
 // would crash at the first call through it.
-Status StageBind(LoadContext& c) { return BindImports(c.image, c.process); }
+LoadStatus StageBind(LoadContext& c) { return BindImports(c.image, c.process); }
 
 // The export list, built through a temporary slot table.
-Status StageExports(LoadContext& c) {
-  ExportSlot* slots = BuildExportTable(c.image);
-  if (!slots) return Status::kNoMemory;
-  AddExports(slots, &c.record->exports);
-  Pfree(slots);
-  return Status::kOk;
+LoadStatus StageExports(LoadContext& c) {
+  const Block<ExportSlot> slots = BuildExportTable(c.image);
+  if (!slots) return LoadStatus::kNoMemory;
+  AddExports(slots.get(), &c.record->exports);
+  return LoadStatus::kOk;
 }
 
 // Last, once the module is complete: its entry point may refuse the load.
-Status StageStart(LoadContext& c) {
-  return CallEntryPoint(c.image, c.process) != 0 ? Status::kOk : Status::kBadInput;
-}
+LoadStatus StageStart(LoadContext& c) { return CallEntryPoint(c.image, c.process); }
 
-using Stage = Status (*)(LoadContext&);
+using Stage = LoadStatus (*)(LoadContext&);
 constexpr Stage kLoadStages[] = {StageRead, StageRelocate, StageBind, StageExports, StageStart};
 
 }  // namespace
@@ -63,7 +59,7 @@ PELOAD_IMAGE* LoadImageModule(VFileHandle handle, MODLOAD_PROCESS* process) {
   if (!record) return nullptr;
   LoadContext context{handle, process, record, {}};
   for (Stage stage : kLoadStages) {
-    if (stage(context) != Status::kOk) {
+    if (stage(context) != LoadStatus::kOk) {
       FreeImage(record);
       return nullptr;
     }

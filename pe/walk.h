@@ -16,7 +16,6 @@
 #include <cstring>
 
 #include "frame/byte_view.h"
-#include "frame/status.h"
 #include "pe/format.h"
 
 namespace vrk::pe {
@@ -163,39 +162,39 @@ struct ImportEntry {
 // then visitor.Entry(entry) for each thunk of its lookup table (the address
 // table itself when OriginalFirstThunk is 0), in table order. The walk ends
 // with kOk at the descriptor whose FirstThunk is 0 (or at once without an
-// import directory); with the visitor's first result other than kOk; or with
-// kBadInput at a descriptor, DLL name, thunk, import name or slot outside the
-// view, or at an ordinal above 0xFFFF, which a lookup would take for a name
-// pointer. A cut walk would leave address-table slots unbound, so nothing
-// past such a point is visited.
+// import directory); with the visitor's first result other than kOk; with
+// kImportOutside at a descriptor, DLL name, thunk, import name or slot
+// outside the view; or with kBadOrdinal at an ordinal above 0xFFFF, which a
+// lookup would take for a name pointer. A cut walk would leave address-table
+// slots unbound, so nothing past such a point is visited.
 template <class View, class Visitor>
-Status WalkImports(const View& view, const PE_IMAGE_NT_HEADERS32& nt, Visitor& visitor) {
+LoadStatus WalkImports(const View& view, const PE_IMAGE_NT_HEADERS32& nt, Visitor& visitor) {
   const uint32_t dir = Directory(nt, PE_DIRECTORY_ENTRY_IMPORT).VirtualAddress;
-  if (dir == 0) return Status::kOk;
+  if (dir == 0) return LoadStatus::kOk;
   for (uint64_t d = dir;; d += sizeof(PE_IMAGE_IMPORT_DESCRIPTOR)) {
     PE_IMAGE_IMPORT_DESCRIPTOR desc;
-    if (d > UINT32_MAX || !view.Read(uint32_t(d), desc)) return Status::kBadInput;
-    if (desc.FirstThunk == 0) return Status::kOk;
+    if (d > UINT32_MAX || !view.Read(uint32_t(d), desc)) return LoadStatus::kImportOutside;
+    if (desc.FirstThunk == 0) return LoadStatus::kOk;
     const char* dll = view.String(desc.Name);
-    if (!dll) return Status::kBadInput;
-    if (const Status s = visitor.Module(dll); s != Status::kOk) return s;
+    if (!dll) return LoadStatus::kImportOutside;
+    if (const LoadStatus s = visitor.Module(dll); s != LoadStatus::kOk) return s;
     const uint32_t lookup = desc.OriginalFirstThunk != 0 ? desc.OriginalFirstThunk : desc.FirstThunk;
     for (uint64_t k = 0;; ++k) {
       const uint64_t thunk_rva = lookup + 4 * k;
       const uint64_t slot_rva = desc.FirstThunk + 4 * k;
       uint32_t thunk = 0;
-      if (thunk_rva > UINT32_MAX || !view.Read(uint32_t(thunk_rva), thunk)) return Status::kBadInput;
+      if (thunk_rva > UINT32_MAX || !view.Read(uint32_t(thunk_rva), thunk)) return LoadStatus::kImportOutside;
       if (thunk == 0) break;
       ImportEntry entry{nullptr, 0, 0};
       if (thunk & kOrdinalFlag) {
         entry.ordinal = thunk & ~kOrdinalFlag;
-        if (entry.ordinal > kMaxOrdinal) return Status::kBadInput;
+        if (entry.ordinal > kMaxOrdinal) return LoadStatus::kBadOrdinal;
       } else if (thunk > UINT32_MAX - 2 || !(entry.name = view.String(thunk + 2))) {
-        return Status::kBadInput;
+        return LoadStatus::kImportOutside;
       }
-      if (slot_rva > UINT32_MAX || view.Available(uint32_t(slot_rva)) < 4) return Status::kBadInput;
+      if (slot_rva > UINT32_MAX || view.Available(uint32_t(slot_rva)) < 4) return LoadStatus::kImportOutside;
       entry.slot = uint32_t(slot_rva);
-      if (const Status s = visitor.Entry(entry); s != Status::kOk) return s;
+      if (const LoadStatus s = visitor.Entry(entry); s != LoadStatus::kOk) return s;
     }
   }
 }

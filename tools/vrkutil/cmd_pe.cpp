@@ -18,7 +18,7 @@ namespace vrkutil {
 namespace {
 
 using vrk::ByteView;
-using vrk::Status;
+using vrk::pe::LoadStatus;
 using vrk::pe::ExportWalk;
 using vrk::pe::FileView;
 using vrk::pe::ImportEntry;
@@ -120,26 +120,26 @@ void PrintExports(const PeFile& pe) {
 // The imports by DLL, in the order the loader binds them.
 struct ImportPrinter {
   int dlls = 0;
-  Status Module(const char* dll) {
+  LoadStatus Module(const char* dll) {
     std::printf("%s    %s:", dlls++ ? "\n" : "", dll);
-    return Status::kOk;
+    return LoadStatus::kOk;
   }
-  Status Entry(const ImportEntry& entry) {
+  LoadStatus Entry(const ImportEntry& entry) {
     if (entry.name) {
       std::printf(" %s", entry.name);
     } else {
       std::printf(" #%u", entry.ordinal);
     }
-    return Status::kOk;
+    return LoadStatus::kOk;
   }
 };
 
 void PrintImports(const PeFile& pe) {
   std::printf("  imports:\n");
   ImportPrinter printer;
-  const Status status = vrk::pe::WalkImports(pe.View(), pe.nt, printer);
+  const LoadStatus status = vrk::pe::WalkImports(pe.View(), pe.nt, printer);
   if (printer.dlls) std::printf("\n");
-  if (status != Status::kOk) {
+  if (status != LoadStatus::kOk) {
     std::printf("    (the import table runs outside the file)\n");
   } else if (!printer.dlls) {
     std::printf("    none\n");
@@ -150,14 +150,14 @@ void PrintImports(const PeFile& pe) {
 struct MissingDll {
   const MODLOAD_PROCESS* process;
   std::string name;
-  Status Module(const char* dll) {
+  LoadStatus Module(const char* dll) {
     for (const PELOAD_MODULE* e = process->modules; e; e = e->next) {
-      if (strcasecmp(e->fullName, dll) == 0) return Status::kOk;
+      if (strcasecmp(e->fullName, dll) == 0) return LoadStatus::kOk;
     }
     name = dll;
-    return Status::kNotFound;
+    return LoadStatus::kModuleNotFound;
   }
-  Status Entry(const ImportEntry&) { return Status::kOk; }
+  LoadStatus Entry(const ImportEntry&) { return LoadStatus::kOk; }
 };
 
 void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
