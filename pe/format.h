@@ -168,10 +168,11 @@ constexpr Placement LocateRva(const PE_IMAGE_SECTION_HEADER* sections, uint32_t 
 // modulo 2^32 as the file header's fields do; readers of a real file bound it.
 constexpr uint32_t RawBytesAt(const PE_IMAGE_SECTION_HEADER& s, uint32_t rva, uint32_t& position) {
   const uint32_t offset = rva - s.VirtualAddress;
-  const int32_t available = int32_t(s.SizeOfRawData - offset);
-  if (available < 1) return 0;
+  // Compared unsigned: taken as a signed difference, the raw size less an
+  // offset 2 GiB or more past it comes out positive.
+  if (offset >= s.SizeOfRawData) return 0;
   position = offset + s.PointerToRawData;
-  return uint32_t(available);
+  return s.SizeOfRawData - offset;
 }
 
 // COFF long section names: "/n" stands for the string at offset n (decimal)
