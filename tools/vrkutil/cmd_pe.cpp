@@ -18,21 +18,22 @@ namespace vrkutil {
 namespace {
 
 using vrk::ByteView;
-using vrk::pe::LoadStatus;
 using vrk::pe::ExportWalk;
 using vrk::pe::FileView;
 using vrk::pe::ImportEntry;
+using vrk::pe::LoadStatus;
 
 int Run(Args args);
 
 const Command kPe{
     "pe", "[--rva X] FILE... | --load DLL...", "PE header verdicts, sections, exports, imports; trial loads",
-    "For each FILE prints the header verdict of PE_VerifyImageHeader, the machine,\n"
-    "image base and sections, the export directory's name and exports (ordinal,\n"
-    "RVA, name) and the imports by DLL. --rva X also maps the RVA X through both\n"
-    "section lookups.\n"
+    "For each FILE prints the header verdict of PE_VerifyImageHeader and, for a\n"
+    "PE32 image, the machine, image base and sections, the export directory's\n"
+    "name and exports (ordinal, RVA, name) and the imports by DLL. --rva X also\n"
+    "maps the RVA X through both section lookups.\n"
     "--load loads the DLLs in the order given into one process record whose\n"
     "native callbacks refuse every module, and says which loaded and why not.\n"
+    "Only images whose header verdict is sound are loaded.\n"
     "This RUNS the entry points of DLLs that ask for it: use it on trusted files.\n"
     "Exit status 1 when a file is not PE (or, with --load, does not load).",
     Run};
@@ -73,6 +74,22 @@ struct PeFile {
     const char* s = View().String(rva);
     return s ? s : "?";
   }
+  // What the optional header says the image is; only PE32 is read further,
+  // since every later field sits elsewhere in other layouts.
+  bool IsPe32() const { return nt.OptionalHeader.Magic == vrk::pe::kMagicPe32; }
+  std::string Kind() const {
+    char text[64];
+    const uint16_t machine = nt.FileHeader.Machine;
+    if (nt.OptionalHeader.Magic == vrk::pe::kMagicPe32Plus && machine == vrk::pe::kMachineAmd64) return "PE32+ (x86-64)";
+    if (nt.OptionalHeader.Magic == vrk::pe::kMagicPe32Plus) {
+      std::snprintf(text, sizeof text, "PE32+ (machine 0x%04X)", machine);
+    } else if (IsPe32()) {
+      std::snprintf(text, sizeof text, machine == vrk::pe::kMachineI386 ? "PE32 (i386)" : "PE32 (machine 0x%04X)", machine);
+    } else {
+      std::snprintf(text, sizeof text, "optional-header magic 0x%04X", nt.OptionalHeader.Magic);
+    }
+    return text;
+  }
 };
 
 bool ReadFile(const char* path, std::vector<uint8_t>& out) {
@@ -97,6 +114,17 @@ const char* Open(const char* path, PeFile& pe) {
   pe.sections.assign(std::max(wanted, 96u), PE_IMAGE_SECTION_HEADER{});
   while (pe.count < wanted && vrk::pe::ReadSectionHeader(file, pe.lfanew, pe.nt, pe.count, pe.sections[pe.count])) ++pe.count;
   return nullptr;
+}
+
+void PrintSections(const PeFile& pe) {
+  std::printf("  sections (%u):\n", pe.count);
+  for (uint32_t i = 0; i < pe.count; ++i) {
+    const PE_IMAGE_SECTION_HEADER& s = pe.sections[i];
+    char name[9] = {};
+    std::memcpy(name, s.Name, 8);
+    std::printf("    %-8s RVA 0x%08X  virtual size 0x%08X  raw 0x%08X + 0x%08X\n", name, s.VirtualAddress, s.VirtualSize,
+                s.PointerToRawData, s.SizeOfRawData);
+  }
 }
 
 void PrintExports(const PeFile& pe) {
@@ -146,6 +174,37 @@ void PrintImports(const PeFile& pe) {
   }
 }
 
+void PrintRva(const PeFile& pe, uint32_t rva) {
+  const PE_IMAGE_NT_HEADERS32 bounded = pe.Bounded();
+  uint32_t index = 0, pos = 0;
+  const int code = PE_SeccionDeRVAEx(pe.sections.data(), &bounded, rva, &index);
+  const int readable = PE_SeekDeRVAEx(pe.sections.data(), &bounded, rva, &pos);
+  std::printf("  RVA 0x%08X: section %u, file position 0x%08X; Ex: %s, section %u", rva,
+              PE_SeccionDeRVA(pe.sections.data(), int(pe.count), rva), PE_SeekDeRVA(pe.sections.data(), int(pe.count), rva),
+              PlacementName(code), index);
+  if (readable > 0) {
+    std::printf(", file position 0x%08X with %d bytes readable\n", pos, readable);
+  } else {
+    std::printf(", nothing readable\n");
+  }
+}
+
+void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
+  const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
+  std::printf("%s\n  verdict: 0x%08X %s\n", path, verdict, VerdictName(verdict));
+  if (!pe.IsPe32()) {
+    std::printf("  %s image: not read further\n", pe.Kind().c_str());
+    return;
+  }
+  const auto& oh = pe.nt.OptionalHeader;
+  std::printf("  machine: 0x%04X  image base: 0x%08X  size of image: 0x%X\n", pe.nt.FileHeader.Machine, oh.ImageBase,
+              oh.SizeOfImage);
+  PrintSections(pe);
+  PrintExports(pe);
+  PrintImports(pe);
+  if (have_rva) PrintRva(pe, rva);
+}
+
 // The first DLL that the file imports from and the process does not list.
 struct MissingDll {
   const MODLOAD_PROCESS* process;
@@ -160,37 +219,6 @@ struct MissingDll {
   LoadStatus Entry(const ImportEntry&) { return LoadStatus::kOk; }
 };
 
-void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
-  const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
-  const auto& oh = pe.nt.OptionalHeader;
-  std::printf("%s\n  verdict: 0x%08X %s\n  machine: 0x%04X  image base: 0x%08X  size of image: 0x%X\n", path, verdict,
-              VerdictName(verdict), pe.nt.FileHeader.Machine, oh.ImageBase, oh.SizeOfImage);
-  std::printf("  sections (%u):\n", pe.count);
-  for (uint32_t i = 0; i < pe.count; ++i) {
-    const PE_IMAGE_SECTION_HEADER& s = pe.sections[i];
-    char name[9] = {};
-    std::memcpy(name, s.Name, 8);
-    std::printf("    %-8s RVA 0x%08X  virtual size 0x%08X  raw 0x%08X + 0x%08X\n", name, s.VirtualAddress, s.VirtualSize,
-                s.PointerToRawData, s.SizeOfRawData);
-  }
-  PrintExports(pe);
-  PrintImports(pe);
-  if (have_rva) {
-    const PE_IMAGE_NT_HEADERS32 bounded = pe.Bounded();
-    uint32_t index = 0, pos = 0;
-    const int code = PE_SeccionDeRVAEx(pe.sections.data(), &bounded, rva, &index);
-    const int readable = PE_SeekDeRVAEx(pe.sections.data(), &bounded, rva, &pos);
-    std::printf("  RVA 0x%08X: section %u, file position 0x%08X; Ex: %s, section %u", rva,
-                PE_SeccionDeRVA(pe.sections.data(), int(pe.count), rva), PE_SeekDeRVA(pe.sections.data(), int(pe.count), rva),
-                PlacementName(code), index);
-    if (readable > 0) {
-      std::printf(", file position 0x%08X with %d bytes readable\n", pos, readable);
-    } else {
-      std::printf(", nothing readable\n");
-    }
-  }
-}
-
 // Native callbacks of --load: no native module exists.
 void* NoNative(const char*, uint32_t, uint32_t) { return nullptr; }
 void NoFree(void*) {}
@@ -202,9 +230,22 @@ int Load(Args files) {
   if (!process) return Fail(kExitFailure, "cannot create a process record");
   std::vector<VFileHandle> handles;
   for (const char* path : files) {
+    PeFile pe;
+    if (const char* error = Open(path, pe)) {
+      status = Fail(kExitFailure, "%s: not loaded: %s", path, error);
+      continue;
+    }
+    // The loader reads what it is given: only the header checks keep a
+    // foreign or malformed image (x86-64 code, say) from being run.
+    const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
+    if (verdict != PE_STATUS_OK) {
+      status = Fail(kExitFailure, "%s: not loaded: %s image, header verdict 0x%08X %s", path, pe.Kind().c_str(), verdict,
+                    VerdictName(verdict));
+      continue;
+    }
     VFileHandle h = vrkvfile_open_path(path, VRKVFILE_COPY);
     if (!h) {
-      status = Fail(kExitFailure, "%s: cannot be read", path);
+      status = Fail(kExitFailure, "%s: not loaded: cannot be read", path);
       continue;
     }
     handles.push_back(h);
@@ -220,8 +261,7 @@ int Load(Args files) {
     }
     // Say which imported DLL is missing when one is.
     MissingDll missing{process, {}};
-    PeFile pe;
-    if (!Open(path, pe)) (void)vrk::pe::WalkImports(pe.View(), pe.nt, missing);
+    (void)vrk::pe::WalkImports(pe.View(), pe.nt, missing);
     if (!missing.name.empty()) {
       status = Fail(kExitFailure, "%s: not loaded: imports from '%s', which is not loaded", path, missing.name.c_str());
     } else {
