@@ -1,4 +1,5 @@
-// vrkutil pe over images from the PE writer: what it reads of foreign files.
+// vrkutil pe over images from the PE writer: what it reads of foreign and odd
+// files, and the one cause it gives when --load refuses a file.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -14,7 +15,7 @@ namespace {
 
 using vrk::test::PeWriter;
 
-TEST(CliPe, ForeignImages) {
+TEST(CliPe, ForeignImagesDetailsAndLoadFailures) {
   char templ[] = "/tmp/vrk-cli-pe-XXXXXX";
   const std::string dir = mkdtemp(templ);
   auto write = [&](const std::string& name, const std::function<void(PeWriter&)>& change, size_t cut = 0) {
@@ -25,6 +26,21 @@ TEST(CliPe, ForeignImages) {
     std::ofstream(dir + "/" + name, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
   };
   write("plus.dll", [](PeWriter& w) { w.nt.FileHeader.Machine = 0x8664; w.nt.OptionalHeader.Magic = 0x020B; });
+  write("details.dll", [](PeWriter& w) {
+    w.AddExports(0x1400, "d.dll", 1, {0x1100, 0x1500}, {{"f", 0}, {"fwd", 1}});
+    w.SetDir(PE_DIRECTORY_ENTRY_EXPORT, 0x1400, 0x200);  // holds the forwarder text
+    w.PutString(0x1500, "NTDLL.RtlFoo");
+    std::memcpy(w.sections[0].Name, "/4\0\0\0\0\0", 8);  // the string table lies at RVA 0x1F00
+    w.nt.FileHeader.PointerToSymbolTable = 0x1300;
+    w.PutString(0x1F04, ".longname");
+  });
+  write("cut.dll", [](PeWriter&) {}, 0x1000);  // ends before the relocation directory
+  write("zm.dll", [](PeWriter& w) { w.dos_magic = 0x4D5A; });
+  write("norelocs.dll", [](PeWriter& w) { w.SetDir(PE_DIRECTORY_ENTRY_BASERELOC, 0, 0); });
+  write("a.dll", [](PeWriter& w) { w.AddExports(0x1400, "a.dll", 1, {0x1100}, {{"f", 0}}); });
+  write("b.dll", [](PeWriter& w) { w.AddImports(0x1400, {{"a.dll", {{"g"}}}}); });
+  write("c.dll", [](PeWriter& w) { w.AddImports(0x1400, {{"c0.dll", {{"g"}}}}); });
+  write("refuse.dll", [](PeWriter& w) { w.SetEntryCode(0x1100, vrk::test::kEntryReturns0); });
   const struct {
     std::vector<std::string> args;
     int status;
@@ -32,7 +48,15 @@ TEST(CliPe, ForeignImages) {
     std::string err;               // a part of the one line on stderr, or "" for none
   } cases[] = {
       {{"plus.dll"}, 0, {"  verdict: 0xC000007B STATUS_INVALID_IMAGE_FORMAT\n  PE32+ (x86-64) image: not read further\n"}, ""},
+      {{"--rva", "0xF0000000", "details.dll"}, 0,
+       {"    .longname RVA ", "        2  0x00001500  fwd  forwarded to NTDLL.RtlFoo\n", "nothing readable\n"}, ""},
+      {{"cut.dll"}, 0, {"  warning: the base relocation directory (RVA 0x00001FF8, 0x8 bytes) lies past the end of the file\n"}, ""},
       {{"--load", "plus.dll"}, 1, {}, "plus.dll: not loaded: PE32+ (x86-64) image, header verdict 0xC000007B"},
+      {{"--load", "zm.dll"}, 1, {}, "zm.dll: not loaded: its DOS header says \"ZM\""},
+      {{"--load", "norelocs.dll"}, 1, {}, "norelocs.dll: not loaded: it has no base relocations"},
+      {{"--load", "c.dll"}, 1, {}, "c.dll: not loaded: it imports from 'c0.dll', which is not loaded"},
+      {{"--load", "a.dll", "b.dll"}, 1, {"a.dll: loaded as 'a.dll'\n"}, "b.dll: not loaded: it imports 'g' from 'a.dll', which does not export it"},
+      {{"--load", "refuse.dll"}, 1, {}, "refuse.dll: not loaded: its entry point returned 0"},
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = {"pe"};

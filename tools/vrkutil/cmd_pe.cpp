@@ -28,8 +28,9 @@ int Run(Args args);
 const Command kPe{
     "pe", "[--rva X] FILE... | --load DLL...", "PE header verdicts, sections, exports, imports; trial loads",
     "For each FILE prints the header verdict of PE_VerifyImageHeader and, for a\n"
-    "PE32 image, the machine, image base and sections, the export directory's\n"
-    "name and exports (ordinal, RVA, name) and the imports by DLL. --rva X also\n"
+    "PE32 image, the machine, image base and sections, warnings for data\n"
+    "directories that the file does not hold, the export directory's name and\n"
+    "exports (ordinal, RVA, name, forwarder) and the imports by DLL. --rva X also\n"
     "maps the RVA X through both section lookups.\n"
     "--load loads the DLLs in the order given into one process record whose\n"
     "native callbacks refuse every module, and says which loaded and why not.\n"
@@ -51,6 +52,12 @@ const char* PlacementName(int code) {
   static const char* const kNames[] = {"in section", "in headers", "before sections", "in gap", "past sections"};
   return code >= 0 && code <= 4 ? kNames[code] : "?";
 }
+
+constexpr const char* kDirectoryNames[PE_NUMBEROF_DIRECTORY_ENTRIES] = {
+    "export", "import", "resource", "exception", "certificate", "base relocation", "debug", "architecture",
+    "global pointer", "TLS", "load configuration", "bound import", "import address", "delay import",
+    "CLR runtime", "reserved"};
+constexpr uint32_t kCertificateDirectory = 4;  // its address is a file position, not an RVA
 
 // A file as the header functions see it: its bytes, its NT headers and the
 // section headers present in it. Everything past the headers is read through
@@ -122,8 +129,29 @@ void PrintSections(const PeFile& pe) {
     const PE_IMAGE_SECTION_HEADER& s = pe.sections[i];
     char name[9] = {};
     std::memcpy(name, s.Name, 8);
-    std::printf("    %-8s RVA 0x%08X  virtual size 0x%08X  raw 0x%08X + 0x%08X\n", name, s.VirtualAddress, s.VirtualSize,
-                s.PointerToRawData, s.SizeOfRawData);
+    const char* long_name = vrk::pe::LongSectionName(pe.File(), pe.nt.FileHeader, s);
+    std::printf("    %-8s RVA 0x%08X  virtual size 0x%08X  raw 0x%08X + 0x%08X\n", long_name ? long_name : name,
+                s.VirtualAddress, s.VirtualSize, s.PointerToRawData, s.SizeOfRawData);
+  }
+}
+
+// Data directories whose bytes the file does not hold: the loader would
+// find zeros there, or nothing.
+void WarnDirectories(const PeFile& pe) {
+  const uint32_t size = pe.File().size();
+  const uint32_t count = std::min<uint32_t>(pe.nt.OptionalHeader.NumberOfRvaAndSizes, PE_NUMBEROF_DIRECTORY_ENTRIES);
+  for (uint32_t i = 0; i < count; ++i) {
+    const PE_IMAGE_DATA_DIRECTORY& d = pe.nt.OptionalHeader.DataDirectory[i];
+    if (d.VirtualAddress == 0 || d.Size == 0) continue;
+    uint32_t position = d.VirtualAddress;
+    const bool mapped = i == kCertificateDirectory || pe.View().Map(d.VirtualAddress, position) != 0;
+    const char* where = !mapped                                              ? "lies in no section's raw data"
+                        : position > size || d.Size > size - position ? "lies past the end of the file"
+                                                                             : nullptr;
+    if (where) {
+      std::printf("  warning: the %s directory (%s 0x%08X, 0x%X bytes) %s\n", kDirectoryNames[i],
+                  i == kCertificateDirectory ? "file position" : "RVA", d.VirtualAddress, d.Size, where);
+    }
   }
 }
 
@@ -139,9 +167,14 @@ void PrintExports(const PeFile& pe) {
               dir.NumberOfFunctions, dir.NumberOfNames);
   std::vector<const char*> names(walk.functions(), "");
   walk.ForEachName([&](uint32_t index, const char* name) { names[index] = name; });
+  const PE_IMAGE_DATA_DIRECTORY& exports = vrk::pe::Directory(pe.nt, PE_DIRECTORY_ENTRY_EXPORT);
   for (uint32_t i = 0; i < walk.functions(); ++i) {
     const uint32_t rva = walk.FunctionRva(i);
-    if (rva != 0) std::printf("    %5u  0x%08X  %s\n", dir.Base + i, rva, names[i]);
+    if (rva == 0) continue;
+    std::printf("    %5u  0x%08X  %s", dir.Base + i, rva, names[i]);
+    // A forwarder names a function of another module instead of code.
+    if (vrk::pe::IsForwarder(exports, rva)) std::printf("  forwarded to %s", pe.String(rva).c_str());
+    std::printf("\n");
   }
 }
 
@@ -182,11 +215,15 @@ void PrintRva(const PeFile& pe, uint32_t rva) {
   std::printf("  RVA 0x%08X: section %u, file position 0x%08X; Ex: %s, section %u", rva,
               PE_SeccionDeRVA(pe.sections.data(), int(pe.count), rva), PE_SeekDeRVA(pe.sections.data(), int(pe.count), rva),
               PlacementName(code), index);
-  if (readable > 0) {
-    std::printf(", file position 0x%08X with %d bytes readable\n", pos, readable);
-  } else {
+  if (readable <= 0) {
     std::printf(", nothing readable\n");
+    return;
   }
+  std::printf(", file position 0x%08X with %d bytes readable", pos, readable);
+  // The count comes from the section header; the file may be shorter.
+  const uint32_t size = pe.File().size();
+  if (uint32_t(readable) > size - std::min(pos, size)) std::printf(" (the file holds %u of them)", size - std::min(pos, size));
+  std::printf("\n");
 }
 
 void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
@@ -200,24 +237,61 @@ void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
   std::printf("  machine: 0x%04X  image base: 0x%08X  size of image: 0x%X\n", pe.nt.FileHeader.Machine, oh.ImageBase,
               oh.SizeOfImage);
   PrintSections(pe);
+  WarnDirectories(pe);
   PrintExports(pe);
   PrintImports(pe);
   if (have_rva) PrintRva(pe, rva);
 }
 
-// The first DLL that the file imports from and the process does not list.
-struct MissingDll {
+// Finds the first import that the process cannot serve, as binding would.
+struct ImportCheck {
   const MODLOAD_PROCESS* process;
-  std::string name;
-  LoadStatus Module(const char* dll) {
-    for (const PELOAD_MODULE* e = process->modules; e; e = e->next) {
-      if (strcasecmp(e->fullName, dll) == 0) return LoadStatus::kOk;
+  PELOAD_MODULE* module = nullptr;
+  std::string dll, import;
+  LoadStatus Module(const char* name) {
+    dll = name;
+    for (module = process->modules; module; module = module->next) {
+      if (strcasecmp(module->fullName, name) == 0) return LoadStatus::kOk;
     }
-    name = dll;
     return LoadStatus::kModuleNotFound;
   }
-  LoadStatus Entry(const ImportEntry&) { return LoadStatus::kOk; }
+  LoadStatus Entry(const ImportEntry& entry) {
+    const char* key = entry.name ? entry.name : reinterpret_cast<const char*>(uintptr_t(entry.ordinal));
+    if (PELOAD_GetProcAddress(module, key) != 0) return LoadStatus::kOk;
+    import = entry.name ? "'" + std::string(entry.name) + "'" : "ordinal " + std::to_string(entry.ordinal);
+    return LoadStatus::kProcNotFound;
+  }
 };
+
+// Why the loader refused a PE32 file with a sound header: the first cause in
+// the order its stages meet them, found by the checks and walks they use.
+std::string WhyNotLoaded(const PeFile& pe, const MODLOAD_PROCESS* process) {
+  uint16_t magic = 0;
+  uint32_t block = 0;
+  (void)pe.File().Read(0, magic);
+  LoadStatus status = vrk::pe::CheckDosHeader(magic, pe.lfanew);
+  if (status == LoadStatus::kOk) status = vrk::pe::CheckNtHeaders(pe.nt);
+  if (status == LoadStatus::kOk) status = vrk::pe::CheckImageBlock(pe.nt, pe.lfanew, block);
+  ImportCheck check{process, nullptr, {}, {}};
+  if (status == LoadStatus::kOk) status = vrk::pe::WalkImports(pe.View(), pe.nt, check);
+  if (status == LoadStatus::kOk && vrk::pe::AsksForEntryPoint(pe.nt)) {
+    status = pe.nt.OptionalHeader.AddressOfEntryPoint < block ? LoadStatus::kEntryRefused : LoadStatus::kEntryOutside;
+  }
+  switch (status) {
+    case LoadStatus::kNotMz: return "its DOS header says \"ZM\"; the loader takes \"MZ\" only";
+    case LoadStatus::kHeadersTooFar: return "its NT headers lie beyond 2 GiB";
+    case LoadStatus::kNotPe: return "its NT signature is not one the loader takes";
+    case LoadStatus::kNoRelocations: return "it has no base relocations";
+    case LoadStatus::kImageTooSmall: return "its image is too small to hold its NT headers";
+    case LoadStatus::kImportOutside: return "its import table runs outside the file";
+    case LoadStatus::kBadOrdinal: return "it imports an ordinal above 0xFFFF";
+    case LoadStatus::kModuleNotFound: return "it imports from '" + check.dll + "', which is not loaded";
+    case LoadStatus::kProcNotFound: return "it imports " + check.import + " from '" + check.dll + "', which does not export it";
+    case LoadStatus::kEntryOutside: return "its entry point lies outside the image";
+    case LoadStatus::kEntryRefused: return "its entry point returned 0";
+    default: return "the allocator refused a block";  // the only cause left
+  }
+}
 
 // Native callbacks of --load: no native module exists.
 void* NoNative(const char*, uint32_t, uint32_t) { return nullptr; }
@@ -249,23 +323,10 @@ int Load(Args files) {
       continue;
     }
     handles.push_back(h);
-    char name[PELOAD_NAME_SIZE];
-    if (!PELOAD_GetDllNameH(h, name, sizeof name)) {
-      status = Fail(kExitFailure, "%s: not loaded: cannot be read as a module (not PE, truncated, or no relocations)", path);
-      continue;
-    }
-    PELOAD_MODULE* m = PELOAD_LoadLibraryEx(h, process, 1);
-    if (m) {
+    if (PELOAD_MODULE* m = PELOAD_LoadLibraryEx(h, process, 1)) {
       std::printf("%s: loaded as '%s'\n", path, m->fullName);
-      continue;
-    }
-    // Say which imported DLL is missing when one is.
-    MissingDll missing{process, {}};
-    (void)vrk::pe::WalkImports(pe.View(), pe.nt, missing);
-    if (!missing.name.empty()) {
-      status = Fail(kExitFailure, "%s: not loaded: imports from '%s', which is not loaded", path, missing.name.c_str());
     } else {
-      status = Fail(kExitFailure, "%s: not loaded: an import is missing from its module, or the entry point refused", path);
+      status = Fail(kExitFailure, "%s: not loaded: %s", path, WhyNotLoaded(pe, process).c_str());
     }
   }
   MODLOAD_TerminateProcess(process);
