@@ -45,16 +45,15 @@ void Reader(std::vector<uint8_t>& bytes, int mode) {
 }
 
 // The file as vrkutil pe reads it: its NT headers and the section headers
-// present through the header checks and RVA lookups, its exports and imports
-// through the walks over a FileView.
+// present through the header checks and RVA lookups, the long section names,
+// its exports and imports through the walks over a FileView.
 struct Ignore {
   vrk::pe::LoadStatus Module(const char*) { return vrk::pe::LoadStatus::kOk; }
   vrk::pe::LoadStatus Entry(const vrk::pe::ImportEntry&) { return vrk::pe::LoadStatus::kOk; }
 };
 
 void FileChecks(vrk::ByteView file, uint32_t lfanew, const PE_IMAGE_NT_HEADERS32& nt) {
-  // The verifier reads up to 96 section headers (it refuses more before
-  // walking them); the lookups read as many as they are told.
+  // At least 96 headers for the verifier; the lookups get those present.
   std::vector<PE_IMAGE_SECTION_HEADER> sections(std::max<size_t>(96, nt.FileHeader.NumberOfSections));
   uint32_t count = 0;
   while (count < nt.FileHeader.NumberOfSections && vrk::pe::ReadSectionHeader(file, lfanew, nt, count, sections[count])) ++count;
@@ -70,9 +69,10 @@ void FileChecks(vrk::ByteView file, uint32_t lfanew, const PE_IMAGE_NT_HEADERS32
     (void)PE_SeccionDeRVAEx(sections.data(), &bounded, rva, &index);
     (void)PE_SeekDeRVAEx(sections.data(), &bounded, rva, &pos);
   }
+  volatile uint32_t sink = 0;  // keeps what the reads give alive
+  for (uint32_t i = 0; i < count; ++i) sink = sink + (vrk::pe::LongSectionName(file, nt.FileHeader, sections[i]) != nullptr);
   const vrk::pe::FileView view(file, sections.data(), count, nt.OptionalHeader.SizeOfHeaders);
   vrk::pe::ExportWalk<vrk::pe::FileView> exports;
-  volatile uint32_t sink = 0;
   if (exports.Open(view, nt)) {
     for (uint32_t i = 0; i < exports.functions(); ++i) sink = sink + exports.FunctionRva(i);
     exports.ForEachName([&](uint32_t index, const char* name) { sink = sink + index + uint8_t(name[0]); });

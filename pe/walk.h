@@ -51,8 +51,6 @@ class FileView {
   FileView(ByteView file, const PE_IMAGE_SECTION_HEADER* sections, uint32_t count, uint32_t size_of_headers)
       : file_(file), sections_(sections), count_(count), size_of_headers_(size_of_headers) {}
 
-  ByteView file() const { return file_; }
-
   // The file position of `rva` in `position`, and how many bytes of raw data
   // follow it there, whether or not the file is that long; 0 when the RVA
   // lies in no raw data (a gap, past a section's raw size, or a position
