@@ -22,6 +22,15 @@ const Command* Find(std::string_view name) {
   return nullptr;
 }
 
+// The registered commands in name order.
+std::span<const Command> SortedCommands() {
+  static Command sorted[kMaxCommands];
+  std::copy(g_commands, g_commands + g_command_count, sorted);
+  std::sort(sorted, sorted + g_command_count,
+            [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
+  return {sorted, static_cast<size_t>(g_command_count)};
+}
+
 void PrintHelp(FILE* out) {
   std::fprintf(out,
                "usage: vrkutil [--help] [--version] COMMAND [ARGS...]\n"
@@ -29,18 +38,59 @@ void PrintHelp(FILE* out) {
                "Command-line access to the libVrkutil functions.\n"
                "\n"
                "Commands:\n");
-  Command sorted[kMaxCommands];
-  std::copy(g_commands, g_commands + g_command_count, sorted);
-  std::sort(sorted, sorted + g_command_count,
-            [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
-  for (int i = 0; i < g_command_count; ++i) {
-    std::fprintf(out, "  %-12s %s\n", sorted[i].name, sorted[i].summary);
-  }
+  for (const Command& c : SortedCommands()) std::fprintf(out, "  %-12s %s\n", c.name, c.summary);
   std::fprintf(out, "\nRun 'vrkutil COMMAND --help' for a command's arguments.\n");
 }
 
 void PrintCommandHelp(const Command& c) {
   std::printf("usage: vrkutil %s %s\n\n%s\n", c.name, c.usage, c.help);
+}
+
+// Writes `text` as roff: backslashes and hyphens escaped, a line that would
+// start with a control character protected.
+void PutRoff(const char* text) {
+  bool line_start = true;
+  for (const char* p = text; *p; ++p) {
+    if (line_start && (*p == '.' || *p == '\'')) std::fputs("\\&", stdout);
+    line_start = *p == '\n';
+    if (*p == '\\') {
+      std::fputs("\\e", stdout);
+    } else if (*p == '-') {
+      std::fputs("\\-", stdout);
+    } else {
+      std::fputc(*p, stdout);
+    }
+  }
+  std::fputc('\n', stdout);
+}
+
+// The manual page, made from the same texts as --help, so the two cannot
+// drift apart (the build writes it; see tools/vrkutil/CMakeLists.txt).
+void PrintManPage() {
+  std::printf(".TH VRKUTIL 1 \"\" \"vrkutil %s\" \"User Commands\"\n", VRKUTIL_VERSION);
+  std::puts(".SH NAME\nvrkutil \\- command\\-line access to the libVrkutil functions");
+  std::puts(".SH SYNOPSIS\n.B vrkutil\n[\\-\\-help] [\\-\\-version]\n.I COMMAND\n[\\fIARGS\\fR...]");
+  std::puts(".SH DESCRIPTION\nEach command gives a person the use of one family of the library:\n"
+            "checksums, signature search and scanning, PE images, URIs, text encodings\n"
+            "and OS utilities.\n"
+            "Errors are one line on standard error.");
+  std::puts(".SH COMMANDS");
+  for (const Command& c : SortedCommands()) {
+    std::printf(".SS \"%s\"\n", c.name);
+    if (std::strncmp(c.summary, "same as ", 8) == 0) {  // an alias
+      std::printf("Same as \\fB%s\\fR.\n", c.summary + 8);
+      continue;
+    }
+    std::printf(".B vrkutil %s\n", c.name);
+    PutRoff(c.usage);
+    // The help texts are laid out for a terminal (aligned option lists), so
+    // they keep their lines.
+    std::puts(".PP\n.nf");
+    PutRoff(c.help);
+    std::puts(".fi");
+  }
+  std::puts(".SH EXIT STATUS\n0 on success, 1 when a request failed (an unknown name, a detection),\n"
+            "2 on bad usage or unusable input; each command's text above says more.");
 }
 
 }  // namespace
@@ -95,6 +145,10 @@ int main(int argc, char** argv) {
   const std::string_view first = argv[1];
   if (first == "--help" || first == "-h" || first == "help") {
     PrintHelp(stdout);
+    return kExitOk;
+  }
+  if (first == "--manpage") {  // used by the build, not listed in --help
+    PrintManPage();
     return kExitOk;
   }
   if (first == "--version") {
