@@ -1,7 +1,7 @@
 // vrkutil's own options and the codepage subcommand.
 #include <gtest/gtest.h>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
 
 namespace {
 

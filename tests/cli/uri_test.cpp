@@ -1,7 +1,7 @@
 // vrkutil uri: output blocks, JSON and exit statuses.
 #include <gtest/gtest.h>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
 
 namespace {
 

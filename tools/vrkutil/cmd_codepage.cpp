@@ -7,7 +7,7 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
 
 const Command kCodepage{
     "codepage", "NAME|NUMBER...", "map character-set names to code-page numbers and back",
@@ -16,10 +16,10 @@ const Command kCodepage{
     "Exit status 1 when any of them is unknown.",
     Run};
 
-int Run(Args args) {
-  if (args.empty()) return UsageError(kCodepage, "expected at least one NAME or NUMBER");
+int Run(const Invocation& in) {
+  if (in.operands().empty()) return UsageError(kCodepage, "expected at least one NAME or NUMBER");
   int status = kExitOk;
-  for (const char* arg : args) {
+  for (const char* arg : in.operands()) {
     long long number = 0;
     if (ParseInt(arg, number)) {
       const char* name = (number >= INT32_MIN && number <= INT32_MAX) ? charconv_GetCPName(int32_t(number)) : nullptr;

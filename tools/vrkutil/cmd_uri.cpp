@@ -10,7 +10,10 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kServer, kJson };
+constexpr Option kOptions[] = {{kServer, 0, "server", false}, {kJson, 0, "json", false}};
 
 const Command kUri{
     "uri", "[--server] [--json] [--] TEXT...", "split URI references into their components",
@@ -20,7 +23,7 @@ const Command kUri{
     "  --server  read only the scheme and the server (URI_GetServer)\n"
     "  --json    print one JSON object per TEXT instead\n"
     "Exit status 1 when any TEXT is not a URI.",
-    Run};
+    Run, kOptions};
 
 struct Field {
   const char* name;
@@ -91,31 +94,14 @@ void PrintJson(const char* input, const URI_Record* record) {
   std::printf("\"port\": %d}}\n", record->port);
 }
 
-int Run(Args args) {
-  bool server = false;
-  bool json = false;
-  size_t first = 0;
-  for (; first < args.size(); ++first) {
-    const std::string_view a = args[first];
-    if (a == "--") {
-      ++first;
-      break;
-    }
-    if (a.substr(0, 2) != "--") break;
-    if (a == "--server") {
-      server = true;
-    } else if (a == "--json") {
-      json = true;
-    } else {
-      return UsageError(kUri, "unknown option '%s'", args[first]);
-    }
-  }
-  if (first == args.size()) return UsageError(kUri, "expected at least one TEXT");
+int Run(const Invocation& in) {
+  const bool server = in.Has(kServer);
+  const bool json = in.Has(kJson);
+  if (in.operands().empty()) return UsageError(kUri, "expected at least one TEXT");
 
   int status = kExitOk;
   bool first_block = true;
-  for (size_t i = first; i < args.size(); ++i) {
-    const char* text = args[i];
+  for (const char* text : in.operands()) {
     URI_Record* record = server ? URI_GetServer(text) : URI_Parse(text);
     if (json) {
       PrintJson(text, record);

@@ -1,9 +1,11 @@
 // vrkutil: a command-line face for each family of libVrkutil.
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "command.h"
@@ -122,16 +124,38 @@ int UsageError(const Command& command, const char* format, ...) {
 }
 
 bool ParseInt(std::string_view text, long long& out) {
-  if (text.empty() || text.size() > 24) return false;
-  char buffer[32];
+  // Decimal or 0x-prefixed hex; a leading 0 does not mean octal.
+  const bool negative = !text.empty() && text[0] == '-';
+  if (negative) text.remove_prefix(1);
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  if (text.empty() || text.size() > 20 || !std::isxdigit(static_cast<unsigned char>(text[0]))) return false;
+  char buffer[24];
   std::memcpy(buffer, text.data(), text.size());
   buffer[text.size()] = '\0';
   char* end = nullptr;
   errno = 0;
-  const long long value = std::strtoll(buffer, &end, 0);
+  const long long value = std::strtoll(buffer, &end, base);
   if (errno != 0 || end != buffer + text.size()) return false;
-  out = value;
+  out = negative ? -value : value;
   return true;
+}
+
+int NumberOption(const Command& command, const Invocation& in, int id, long long low, long long high,
+                 long long& out) {
+  for (const ParsedOption& o : in.options()) {
+    if (o.id != id) continue;
+    long long n = 0;
+    if (!ParseInt(o.value, n) || n < low || n > high) {
+      return UsageError(command, "%s needs a number from %lld to %lld, not '%s'", o.spelling.c_str(), low, high,
+                        o.value);
+    }
+    out = n;
+  }
+  return kExitOk;
 }
 
 }  // namespace vrkutil
@@ -159,11 +183,17 @@ int main(int argc, char** argv) {
   if (!command) {
     return Fail(kExitUsage, "unknown command '%s' (see 'vrkutil --help')", argv[1]);
   }
-  const Args args(argv + 2, argv + argc);
-  if (std::any_of(args.begin(), args.end(),
-                  [](const char* a) { return std::strcmp(a, "--help") == 0 || std::strcmp(a, "-h") == 0; })) {
-    PrintCommandHelp(*command);
-    return kExitOk;
+  Invocation invocation;
+  std::string error;
+  switch (ParseCommandLine(std::span<char* const>(argv + 2, argv + argc), command->options, command->operands,
+                           invocation, error)) {
+    case ParseResult::kHelp:
+      PrintCommandHelp(*command);
+      return kExitOk;
+    case ParseResult::kUsageError:
+      return UsageError(*command, "%s", error.c_str());
+    case ParseResult::kOk:
+      break;
   }
-  return command->run(args);
+  return command->run(invocation);
 }
