@@ -1,6 +1,8 @@
 // vrkutil convert, fold and icmp: outputs and exit statuses.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "support/run_tool.h"
 #include "support/temp_dir.h"
 
@@ -42,6 +44,35 @@ TEST(CliText, ConvertFoldCompare) {
     EXPECT_EQ(r.out, c.out);
     EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
   }
+}
+
+}  // namespace
+
+namespace {
+
+// Every registry number that this system's iconv serves under any of its
+// names converts both ways, by number.
+TEST(CliText, EveryServedCodePageConvertsBothWays) {
+  const auto list = RunTool({"codepage", "--list"});
+  ASSERT_EQ(list.status, 0);
+  std::istringstream lines(list.out);
+  std::string line;
+  int served = 0;
+  while (std::getline(lines, line)) {
+    std::istringstream words(line);
+    std::string number, iconv;
+    words >> number >> iconv;
+    if (iconv == "-") continue;
+    SCOPED_TRACE(line);
+    ++served;
+    const auto there = RunTool({"convert", "-f", "utf-8", "-t", number}, "A1");
+    ASSERT_EQ(there.status, 0) << there.err;
+    const auto back = RunTool({"convert", "-f", number, "-t", "utf-8"}, there.out);
+    EXPECT_EQ(back.status, 0) << back.err;
+    EXPECT_EQ(back.out, "A1");
+  }
+  // Windows-1252, UTF-16, EUC-JP, UTF-7 ... are among them on any glibc.
+  EXPECT_GT(served, 90);
 }
 
 }  // namespace
