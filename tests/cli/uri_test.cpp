@@ -30,6 +30,13 @@ TEST(UriCli, Runs) {
        "\"port\": 0}}\n"
        "{\"input\": \"localhost\", \"record\": null}\n",
        ""},
+      // UTF-8 stays UTF-8; other bytes come back losslessly as surrogate escapes.
+      {{"uri", "--json", "http://h/caf%C3%A9%FF"},
+       0,
+       "{\"input\": \"http://h/caf%C3%A9%FF\", \"record\": {\"scheme\": \"http\", \"opaque\": null, "
+       "\"reg_name\": null, \"host\": \"h\", \"userinfo\": null, \"path\": \"/caf\xc3\xa9\\udcff\", \"query\": null, "
+       "\"fragment\": null, \"port\": 0}}\n",
+       ""},
       {{"uri", "localhost/a"}, 1, "", "not a URI: 'localhost/a'"},
       // After "--" a text that looks like an option is parsed: "http://--x"
       // has a registry name.

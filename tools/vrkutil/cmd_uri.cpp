@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "command.h"
+#include "json.h"
 #include "vrk_uri.h"
 
 namespace vrkutil {
@@ -20,8 +21,17 @@ const Command kUri{
     "Parses each TEXT as a URI reference (as URI_Parse does) and prints one\n"
     "block per TEXT with every component: decoded text in double quotes, or\n"
     "(absent). A text without a scheme is read behind \"http://\".\n"
+    "\n"
     "  --server  read only the scheme and the server (URI_GetServer)\n"
-    "  --json    print one JSON object per TEXT instead\n"
+    "  --json    print one JSON object per TEXT instead: strings are UTF-8,\n"
+    "            and bytes that are not UTF-8 come out as \\udc80-\\udcff\n"
+    "            (surrogate escapes, which give the bytes back losslessly)\n"
+    "\n"
+    "The components are the parser's, as the library gives them: a registry\n"
+    "name keeps a port written after it (\"http://h_x:80/p\" gives reg_name\n"
+    "\"h_x:80\" and port 0), and \"#\" does not end a server, so an authority\n"
+    "followed by a fragment is a registry name (\"http://a.b#c\" has reg_name\n"
+    "\"a.b\" and no host).\n"
     "Exit status 1 when any TEXT is not a URI.",
     Run, kOptions};
 
@@ -36,10 +46,14 @@ constexpr Field kTextFields[] = {
     {"query", &URI_Record::query},   {"fragment", &URI_Record::fragment},
 };
 
-// Writes `text` between double quotes with C-style escapes for quotes,
-// backslashes and bytes outside printable ASCII, so every value stays on
-// one line. JSON needs \u00XX where C would write \xXX.
+// Writes `text` between double quotes, so every value stays on one line:
+// C-style escapes for quotes, backslashes and bytes outside printable ASCII
+// in blocks; JSON strings (UTF-8, other bytes kept losslessly) with --json.
 void PrintQuoted(const char* text, bool json) {
+  if (json) {
+    std::fputs(JsonString(text).c_str(), stdout);
+    return;
+  }
   std::putchar('"');
   for (const char* p = text; *p; ++p) {
     const auto c = static_cast<unsigned char>(*p);
@@ -47,8 +61,6 @@ void PrintQuoted(const char* text, bool json) {
       std::printf("\\%c", c);
     } else if (c >= 0x20 && c < 0x7f) {
       std::putchar(c);
-    } else if (json) {
-      std::printf("\\u%04x", c);
     } else {
       std::printf("\\x%02x", c);
     }
