@@ -135,6 +135,8 @@ TEST(Scan, UnreadableFilesAndBadDatabases) {
       {"ok crc 1 1\nP pattern 41 DD 42\n", "db:2: "},
       {"P pattern 41 {0-300} 42\n", "db:1: "},
       {"P pattern zz\n", "db:1: "},
+      // The refused pattern's name holds the name of an accepted one.
+      {"A pattern 41 42\nAB pattern 41 DD 42\n", "db:2: "},
   };
   for (const auto& c : bad) {
     SCOPED_TRACE(c.text);

@@ -7,7 +7,8 @@
 
 #include "command.h"
 #include "io/file_input.h"
-#include "patterns/pattern_builder.h"
+#include "patterns/pattern_list.h"
+#include "search/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace vrkutil {
@@ -39,12 +40,14 @@ const Command kPatterns{
 constexpr int kExitMatched = 1;
 constexpr int kExitNoMatch = 0;
 
-void PrintCompiled(const vrk::patterns::Table& table) {
+namespace builder = vrk::search::builder;
+
+void PrintCompiled(const builder::Table& table, const std::vector<vrk::patterns::PatternSource>& sources) {
   for (size_t n = 0; n < table.size(); ++n) {
-    const uint16_t key = table.Key(int(n));
-    std::printf("%s: key %02X %02X (%s rule), slot %u, record", table.Name(int(n)).c_str(), key & 0xFF, key >> 8,
-                (key >> 8) == 0xDD ? "gap" : "two-byte", unsigned(table.Slot(int(n))));
-    for (uint8_t b : table.Record(int(n))) std::printf(" %02X", b);
+    const uint16_t key = table.Key(n);
+    std::printf("%s: key %02X %02X (%s rule), slot %u, record", sources[n].name.c_str(), key & 0xFF, key >> 8,
+                (key >> 8) == SEARCH_BUSCATBL_CODE_GAP ? "gap" : "two-byte", unsigned(table.Slot(n)));
+    for (uint8_t b : table.Record(n)) std::printf(" %02X", b);
     std::printf("\n");
   }
 }
@@ -63,10 +66,15 @@ int Run(const Invocation& in) {
   }
   if (positional.size() == first_file && !compile) return UsageError(kPatterns, "expected at least one FILE");
 
-  vrk::patterns::Table table;
-  std::string error;
-  if (!vrk::patterns::BuildTable(sources, table, error)) return Fail(kExitUsage, "%s", error.c_str());
-  if (compile) PrintCompiled(table);
+  std::vector<std::string> texts;
+  for (const auto& source : sources) texts.push_back(source.text);
+  builder::Table table;
+  builder::Refusal refusal;
+  if (!builder::BuildTable(texts, table, refusal)) {
+    if (refusal.pattern >= sources.size()) return Fail(kExitUsage, "%s", refusal.reason.c_str());
+    return Fail(kExitUsage, "pattern \"%s\": %s", sources[refusal.pattern].name.c_str(), refusal.reason.c_str());
+  }
+  if (compile) PrintCompiled(table, sources);
   // Registered as a scanner would: with an analysis module on the loader's
   // path that offers pattern search, the searches below go to it.
   SEARCH_BuscaTblRegisterTable(table.mutable_desc(), 0);
@@ -93,7 +101,7 @@ int Run(const Invocation& in) {
       SEARCH_BuscaTbl(0, table.mutable_desc(), data.data() + p, 1, int(data.size() - p), &out);
       for (uint32_t i = 0; i < out.count; ++i) {
         const int number = table.NumberOf(items[i]);
-        std::printf("%s:%zu:%s\n", path, p, number >= 0 ? table.Name(number).c_str() : "?");
+        std::printf("%s:%zu:%s\n", path, p, number >= 0 ? sources[size_t(number)].name.c_str() : "?");
         if (status == kExitNoMatch) status = kExitMatched;
       }
     }
