@@ -2,24 +2,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
+#include "support/temp_dir.h"
 
 namespace {
 
 using vrk::test::RunTool;
 
+// The sample tree that `vrkutil samples` writes, in a scratch folder.
 struct SampleDir {
-  std::string path;
-  SampleDir() {
-    char templ[] = "/tmp/vrk-cli-scan-XXXXXX";
-    path = mkdtemp(templ);
-    EXPECT_EQ(RunTool({"samples", path, "2000000"}).status, 0);
-  }
-  ~SampleDir() { (void)!std::system(("rm -rf '" + path + "'").c_str()); }
-  void Write(const std::string& rel, const std::string& text) const { std::ofstream(path + "/" + rel) << text; }
+  vrk::test::TempDir dir;
+  std::string path = dir.path();
+  SampleDir() { EXPECT_EQ(RunTool({"samples", path, "2000000"}).status, 0); }
+  void Write(const std::string& rel, const std::string& text) const { dir.Write(rel, text); }
 };
 
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
@@ -64,7 +60,7 @@ TEST(CliScan, DatabasesAndTheirErrors) {
       {{"scan", "-d", s.path + "/refused.vdb", s.path}, s.path + "/refused.vdb:1: "},
       {{"scan", "-d", s.path + "/none.vdb", s.path}, "cannot read the database"},
       {{"scan"}, "expected at least one PATH"},
-      {{"scan", "-j", "0", s.path}, "bad thread count"},
+      {{"scan", "-j", "0", s.path}, "-j needs a number from 1 to 256"},
       {{"scan", "-x", s.path}, "unknown option"},
   };
   for (const auto& e : errors) {

@@ -10,6 +10,7 @@
 
 #include "scan/engine.h"
 #include "scan/samples.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -50,8 +51,8 @@ std::string Found(const std::vector<Detection>& ds) {
 }
 
 TEST(Scan, DefaultDatabaseOnTheSampleTree) {
-  char templ[] = "/tmp/vrk-samples-XXXXXX";
-  const std::string dir = mkdtemp(templ);
+  const vrk::test::TempDir scratch;
+  const std::string& dir = scratch.path();
   std::string error;
   ASSERT_TRUE(vrk::scan::WriteSampleTree(dir, 3 << 20, error)) << error;
   auto db = Compile(std::string(vrk::scan::DefaultDatabaseText()));
@@ -75,7 +76,6 @@ TEST(Scan, DefaultDatabaseOnTheSampleTree) {
     EXPECT_EQ(report.error, "");
     EXPECT_EQ(Found(report.detections), c.found);
   }
-  (void)!std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 TEST(Scan, MatchesAcrossPieceBordersAreFoundOnce) {
@@ -135,6 +135,8 @@ TEST(Scan, UnreadableFilesAndBadDatabases) {
       {"ok crc 1 1\nP pattern 41 DD 42\n", "db:2: "},
       {"P pattern 41 {0-300} 42\n", "db:1: "},
       {"P pattern zz\n", "db:1: "},
+      // The refused pattern's name holds the name of an accepted one.
+      {"A pattern 41 42\nAB pattern 41 DD 42\n", "db:2: "},
   };
   for (const auto& c : bad) {
     SCOPED_TRACE(c.text);

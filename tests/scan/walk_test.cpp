@@ -5,23 +5,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <fstream>
 
 #include "scan/walk.h"
+#include "support/temp_dir.h"
 
 namespace {
 
 struct TempTree {
-  std::string root;
-  TempTree() {
-    char templ[] = "/tmp/vrk-walk-XXXXXX";
-    root = mkdtemp(templ);
-  }
-  ~TempTree() { (void)!std::system(("rm -rf '" + root + "'").c_str()); }
-  void File(const std::string& rel) { std::ofstream(root + "/" + rel) << "x"; }
-  void Dir(const std::string& rel) { mkdir((root + "/" + rel).c_str(), 0755); }
-  void Link(const std::string& target, const std::string& rel) { (void)!symlink(target.c_str(), (root + "/" + rel).c_str()); }
+  vrk::test::TempDir dir;
+  std::string root = dir.path();
+  void File(const std::string& rel) { dir.Write(rel, "x"); }
+  void Dir(const std::string& rel) { dir.MakeDir(rel); }
+  void Link(const std::string& target, const std::string& rel) { dir.Link(target, rel); }
 };
 
 std::vector<std::string> Visit(const std::vector<std::string>& roots, bool recursive, std::vector<std::string>* problems = nullptr) {

@@ -16,14 +16,6 @@ namespace {
 constexpr uint32_t kFingerprintBytes = 2048;
 constexpr uint32_t kHitCapacity = 4096;
 
-// Bytes one match of a pattern can cover: every literal byte, plus the
-// arbitrary bytes each gap may skip.
-uint32_t Span(const std::vector<patterns::Element>& elements) {
-  uint32_t span = 0;
-  for (const patterns::Element& e : elements) span += e.gap ? e.max_skip : 1;
-  return span;
-}
-
 // A virtual file closed when it goes out of scope.
 struct OpenFile {
   VFileHandle handle;
@@ -55,7 +47,7 @@ struct Md5 {
 
 std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, std::string& error) {
   std::unique_ptr<CompiledDatabase> out(new CompiledDatabase);
-  std::vector<patterns::PatternSource> pattern_sources;
+  std::vector<search::builder::Pattern> patterns;
   std::vector<const Signature*> pattern_origin;
   std::array<std::vector<std::pair<uint32_t, int>>, SEARCH_CRC_COLUMNS> crc_cells;
 
@@ -70,14 +62,14 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
         out->md5_.emplace_back(sig.md5, number);
         break;
       case SignatureKind::kPattern: {
-        std::vector<patterns::Element> elements;
-        std::string message;
-        if (!patterns::ParsePattern(sig.pattern, elements, message)) {
-          error = sig.origin + ": " + message;
+        search::builder::Pattern pattern;
+        std::string reason;
+        if (!search::builder::ParsePattern(sig.pattern, pattern, reason)) {
+          error = sig.origin + ": " + reason;
           return nullptr;
         }
-        out->longest_pattern_ = std::max(out->longest_pattern_, Span(elements));
-        pattern_sources.push_back({sig.name, sig.pattern});
+        out->longest_pattern_ = std::max(out->longest_pattern_, search::builder::Span(pattern));
+        patterns.push_back(std::move(pattern));
         pattern_origin.push_back(&sig);
         out->pattern_signatures_.push_back(number);
         break;
@@ -85,21 +77,12 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
     }
   }
 
-  if (pattern_sources.size() > 0xffff) {
-    error = "too many patterns: a table holds at most 65535";
-    return nullptr;
-  }
-  if (!pattern_sources.empty()) {
-    std::string message;
-    if (!patterns::BuildTable(pattern_sources, out->pattern_table_, message)) {
-      // The builder names the refused pattern; point at its line too.
-      for (size_t i = 0; i < pattern_sources.size(); ++i) {
-        if (message.find(pattern_sources[i].name) != std::string::npos) {
-          error = pattern_origin[i]->origin + ": " + message;
-          return nullptr;
-        }
-      }
-      error = message;
+  if (!patterns.empty()) {
+    search::builder::Refusal refusal;
+    if (!search::builder::BuildTable(patterns, out->pattern_table_, refusal)) {
+      const Signature* culprit =
+          refusal.pattern < pattern_origin.size() ? pattern_origin[refusal.pattern] : nullptr;
+      error = culprit ? culprit->origin + ": pattern '" + culprit->name + "': " + refusal.reason : refusal.reason;
       return nullptr;
     }
   }

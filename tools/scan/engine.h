@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "patterns/pattern_builder.h"
 #include "scan/database.h"
+#include "search/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace vrk::scan {
@@ -67,7 +67,7 @@ class CompiledDatabase {
   std::array<std::vector<int>, SEARCH_CRC_COLUMNS> crc_signatures_;
   bool crc_cells_used_ = false;
 
-  patterns::Table pattern_table_;
+  search::builder::Table pattern_table_;
   std::vector<int> pattern_signatures_;  // pattern number -> signature number
   uint32_t longest_pattern_ = 0;
 

@@ -23,7 +23,10 @@ using vrk::pe::FileView;
 using vrk::pe::ImportEntry;
 using vrk::pe::LoadStatus;
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kLoad, kRva };
+constexpr Option kOptions[] = {{kLoad, 0, "load", false}, {kRva, 0, "rva", true}};
 
 const Command kPe{
     "pe", "[--rva X] FILE... | --load DLL...", "PE header verdicts, sections, exports, imports; trial loads",
@@ -37,7 +40,7 @@ const Command kPe{
     "Only images whose header verdict is sound are loaded.\n"
     "This RUNS the entry points of DLLs that ask for it: use it on trusted files.\n"
     "Exit status 1 when a file is not PE (or, with --load, does not load).",
-    Run};
+    Run, kOptions};
 
 const char* VerdictName(uint32_t status) {
   switch (status) {
@@ -298,7 +301,7 @@ void* NoNative(const char*, uint32_t, uint32_t) { return nullptr; }
 void NoFree(void*) {}
 uint32_t NoProc(void*, const char*) { return 0; }
 
-int Load(Args files) {
+int Load(std::span<const char* const> files) {
   int status = kExitOk;
   MODLOAD_PROCESS* process = MODLOAD_CreateProcess(nullptr, NoNative, NoFree, NoProc);
   if (!process) return Fail(kExitFailure, "cannot create a process record");
@@ -334,27 +337,13 @@ int Load(Args files) {
   return status;
 }
 
-int Run(Args args) {
-  bool load = false, have_rva = false;
-  uint32_t rva = 0;
-  std::vector<char*> files;
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view a = args[i];
-    if (a == "--load") {
-      load = true;
-    } else if (a == "--rva") {
-      long long v = 0;
-      if (i + 1 >= args.size() || !ParseInt(args[i + 1], v) || v < 0 || v > 0xFFFFFFFFll)
-        return UsageError(kPe, "--rva needs a number from 0 to 0xFFFFFFFF");
-      have_rva = true;
-      rva = uint32_t(v);
-      ++i;
-    } else {
-      files.push_back(args[i]);
-    }
-  }
+int Run(const Invocation& in) {
+  long long rva = -1;
+  if (NumberOption(kPe, in, kRva, 0, 0xFFFFFFFFll, rva) != kExitOk) return kExitUsage;
+  const bool have_rva = rva >= 0;
+  const auto files = in.operands();
   if (files.empty()) return UsageError(kPe, "expected at least one FILE");
-  if (load) return Load(Args(files.data(), files.size()));
+  if (in.Has(kLoad)) return Load(files);
   int status = kExitOk;
   for (const char* path : files) {
     PeFile pe;
@@ -362,7 +351,7 @@ int Run(Args args) {
       status = Fail(kExitFailure, "%s: %s", path, error);
       continue;
     }
-    Describe(path, pe, have_rva, rva);
+    Describe(path, pe, have_rva, static_cast<uint32_t>(rva));
   }
   return status;
 }

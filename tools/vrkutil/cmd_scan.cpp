@@ -19,7 +19,11 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kDatabase, kRecursive, kJobs };
+constexpr Option kOptions[] = {
+    {kDatabase, 'd', "database", true}, {kRecursive, 'r', "recursive", false}, {kJobs, 'j', "jobs", true}};
 
 const Command kScan{
     "scan", "[-d DB]... [-r] [-j N] PATH...", "scan files for signatures",
@@ -30,7 +34,7 @@ const Command kScan{
     "with '@ offset'), then a summary. -j N scans on N threads (default: the\n"
     "number of cores). Exit status 0 when nothing was found, 1 when something\n"
     "was, 2 on errors (unreadable files are reported and the scan goes on).",
-    Run};
+    Run, kOptions};
 
 struct Options {
   std::vector<std::string> databases;
@@ -39,29 +43,13 @@ struct Options {
   unsigned threads = 0;
 };
 
-int ParseOptions(Args args, Options& o) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string a = args[i];
-    if (a == "-d" || a == "-j") {
-      if (i + 1 == args.size()) return UsageError(kScan, "%s needs a value", a.c_str());
-      const std::string value = args[++i];
-      if (a == "-d") {
-        o.databases.push_back(value);
-      } else {
-        long long n = 0;
-        if (!ParseInt(value, n) || n < 1 || n > 256) return UsageError(kScan, "bad thread count '%s'", value.c_str());
-        o.threads = unsigned(n);
-      }
-    } else if (a == "-r") {
-      o.recursive = true;
-    } else if (a == "--") {
-      for (++i; i < args.size(); ++i) o.paths.push_back(args[i]);
-    } else if (!a.empty() && a[0] == '-') {
-      return UsageError(kScan, "unknown option '%s'", a.c_str());
-    } else {
-      o.paths.push_back(a);
-    }
-  }
+int ParseOptions(const Invocation& in, Options& o) {
+  long long threads = 0;
+  if (NumberOption(kScan, in, kJobs, 1, 256, threads) != kExitOk) return kExitUsage;
+  o.threads = static_cast<unsigned>(threads);
+  o.recursive = in.Has(kRecursive);
+  for (const char* db : in.Values(kDatabase)) o.databases.push_back(db);
+  for (const char* path : in.operands()) o.paths.push_back(path);
   if (o.paths.empty()) return UsageError(kScan, "expected at least one PATH");
   return kExitOk;
 }
@@ -113,9 +101,9 @@ class Progress {
   std::thread thread_;
 };
 
-int Run(Args args) {
+int Run(const Invocation& in) {
   Options o;
-  if (int status = ParseOptions(args, o); status != kExitOk) return status;
+  if (int status = ParseOptions(in, o); status != kExitOk) return status;
 
   vrk::scan::Database db;
   std::string error;
