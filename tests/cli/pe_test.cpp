@@ -1,14 +1,12 @@
 // vrkutil pe over images from the PE writer: what it reads of foreign and odd
 // files, and the one cause it gives when --load refuses a file.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
+#include "support/temp_dir.h"
 #include "tests/pe/pe_writer.h"
 
 namespace {
@@ -16,13 +14,12 @@ namespace {
 using vrk::test::PeWriter;
 
 TEST(CliPe, ForeignImagesDetailsAndLoadFailures) {
-  char templ[] = "/tmp/vrk-cli-pe-XXXXXX";
-  const std::string dir = mkdtemp(templ);
-  auto write = [&](const std::string& name, const std::function<void(PeWriter&)>& change) {
+  const vrk::test::TempDir dir;
+  auto write = [&](const char* name, const std::function<void(PeWriter&)>& change) {
     PeWriter w;
     change(w);
     const std::vector<uint8_t> bytes = w.Bytes();
-    std::ofstream(dir + "/" + name, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    dir.Write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
   };
   write("plus.dll", [](PeWriter& w) { w.nt.FileHeader.Machine = 0x8664; w.nt.OptionalHeader.Magic = 0x020B; });
   write("details.dll", [](PeWriter& w) {
@@ -57,7 +54,7 @@ TEST(CliPe, ForeignImagesDetailsAndLoadFailures) {
   };
   for (const auto& c : cases) {
     std::vector<std::string> args = {"pe"};
-    for (const std::string& a : c.args) args.push_back(a.ends_with(".dll") ? dir + "/" + a : a);
+    for (const std::string& a : c.args) args.push_back(a.ends_with(".dll") ? dir / a : a);
     SCOPED_TRACE(args.back());
     const auto r = vrk::test::RunTool(args);
     EXPECT_EQ(r.status, c.status) << r.err;
@@ -65,7 +62,6 @@ TEST(CliPe, ForeignImagesDetailsAndLoadFailures) {
     EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
     EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), c.err.empty() ? 0 : 1) << r.err;
   }
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
