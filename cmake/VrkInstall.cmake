@@ -6,7 +6,8 @@
 #                                 lib/cmake/Vrkutil/ (find_package)
 #   component StandinDevelopment  include/vrkutil/vrk_standin_ctl.h, the test
 #                                 controls of the stand-ins
-#   component Tool                bin/vrkutil, its manual page, the docs
+#   component Tool                bin/vrkutil, its manual page, its bash
+#                                 completion, the docs
 #
 # With the prefix /usr, libraries go to the i386 multiarch folder
 # (lib/i386-linux-gnu), as Debian's own i386 libraries do. Everything is
@@ -64,6 +65,8 @@ install(FILES ${CMAKE_BINARY_DIR}/VrkutilConfig.cmake ${CMAKE_BINARY_DIR}/Vrkuti
 set_target_properties(vrkutil PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 install(TARGETS vrkutil RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tool)
 install(FILES ${VRK_MANPAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tool)
+install(FILES ${VRK_BASH_COMPLETION} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions
+  COMPONENT Tool)
 file(GLOB vrk_docs ${PROJECT_SOURCE_DIR}/docs/*.md)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${vrk_docs}
   DESTINATION ${VRK_DOC_DIR} COMPONENT Tool)

@@ -16,7 +16,7 @@ expect=(
   "libvrkutil1|libc6 (>=|$lib/libVrkutil.so.1 $lib/libVrkutil.so $lib/libVrkalloc.so $lib/libVrkvfile.so"
   "libvrkutil-dev|libvrkutil1 (=|usr/include/vrkutil/vrk_pe.h $lib/pkgconfig/vrkutil.pc $lib/cmake/Vrkutil/VrkutilConfig.cmake"
   "libvrkutil-standin-dev|libvrkutil-dev (=|usr/include/vrkutil/vrk_standin_ctl.h"
-  "vrkutil|libvrkutil1 (=|usr/bin/vrkutil usr/share/man/man1/vrkutil.1.gz usr/share/doc/vrkutil/README.md"
+  "vrkutil|libvrkutil1 (=|usr/bin/vrkutil usr/share/man/man1/vrkutil.1.gz usr/share/doc/vrkutil/README.md usr/share/bash-completion/completions/vrkutil"
 )
 for row in "${expect[@]}"; do
   IFS='|' read -r name depends files <<<"$row"

@@ -41,4 +41,6 @@ printf '123456789' >"$work/check"
 [ "$("$prefix/bin/vrkutil" crc32 "$work/check" | cut -d' ' -f1)" = cbf43926 ] || fail "installed vrkutil crc32"
 "$prefix/bin/vrkutil" --help >/dev/null
 zcat "$prefix/share/man/man1/vrkutil.1.gz" | grep -q "^\.SS \"scan\"" || fail "manual page without the scan command"
+completion=$prefix/share/bash-completion/completions/vrkutil
+bash -n "$completion" && grep -q -- "--max-filesize" "$completion" || fail "bash completion"
 echo "1 passed, 0 failed"

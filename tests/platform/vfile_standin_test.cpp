@@ -24,17 +24,10 @@ struct Handle {
   ~Handle() { vrkvfile_close(h); }
 };
 
-std::string TempFile(const char* contents, size_t size) {
-  char path[] = "/tmp/vrkvfile-test-XXXXXX";
-  const int fd = mkstemp(path);
-  EXPECT_GE(fd, 0);
-  EXPECT_EQ(write(fd, contents, size), ssize_t(size));
-  close(fd);
-  return path;
-}
 
 TEST(VFileStandin, ReadsInBothModes) {
-  const std::string path = TempFile(kText, 16);
+  const vrk::test::TempDir dir;
+  const std::string path = dir.Write("text", kText);
   struct Source {
     const char* what;
     VFileHandle handle;
@@ -76,7 +69,6 @@ TEST(VFileStandin, ReadsInBothModes) {
     EXPECT_EQ(c->result, 12u);
     EXPECT_EQ(c->in_place, s.in_place ? 1 : 0);
   }
-  unlink(path.c_str());
 }
 
 TEST(VFileStandin, InjectedFailures) {

@@ -28,16 +28,11 @@ std::unique_ptr<CompiledDatabase> Compile(const std::string& text) {
   return compiled;
 }
 
+// A file holding `data` in a scratch folder of its own.
 struct TempFile {
+  vrk::test::TempDir dir;
   std::string path;
-  explicit TempFile(const std::string& data) {
-    char templ[] = "/tmp/vrk-scan-XXXXXX";
-    const int fd = mkstemp(templ);
-    path = templ;
-    EXPECT_EQ(write(fd, data.data(), data.size()), ssize_t(data.size()));
-    close(fd);
-  }
-  ~TempFile() { unlink(path.c_str()); }
+  explicit TempFile(const std::string& data) : path(dir.Write("data", data)) {}
 };
 
 std::string Found(const std::vector<Detection>& ds) {
@@ -126,7 +121,7 @@ TEST(Scan, PieceSizeDoesNotChangeResults) {
 TEST(Scan, UnreadableFilesAndBadDatabases) {
   auto db = Compile("X md5 44d88612fea8a8f36de82e1278abb02f\n");
   ASSERT_TRUE(db);
-  EXPECT_EQ(db->ScanFile("/nonexistent/file").error, "cannot open");
+  EXPECT_EQ(db->ScanFile("/nonexistent/file").error, "No such file or directory");
 
   const struct {
     const char* text;

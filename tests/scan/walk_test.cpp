@@ -19,10 +19,11 @@ struct TempTree {
   void Link(const std::string& target, const std::string& rel) { dir.Link(target, rel); }
 };
 
-std::vector<std::string> Visit(const std::vector<std::string>& roots, bool recursive, std::vector<std::string>* problems = nullptr) {
+std::vector<std::string> Visit(const std::vector<std::string>& roots, bool recursive,
+                               std::vector<std::string>* problems = nullptr, std::vector<std::string> excludes = {}) {
   std::vector<std::string> files;
   vrk::scan::Walk(
-      roots, {recursive}, [&](const std::string& p) { files.push_back(p); },
+      roots, {recursive, std::move(excludes)}, [&](const std::string& p) { files.push_back(p); },
       [&](const std::string& p, const std::string&) {
         if (problems) problems->push_back(p);
       });

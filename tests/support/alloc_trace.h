@@ -46,6 +46,7 @@ class AllocTrace {
         case VRKALLOC_PFREE: std::snprintf(item, sizeof item, "Pfree%s ", null_free); break;
         case VRKALLOC_PFREEX: std::snprintf(item, sizeof item, "PfreeX%s ", null_free); break;
         case VRKALLOC_PSAFEFREE: std::snprintf(item, sizeof item, "PSafeFree%s ", null_free); break;
+        case VRKALLOC_SETMODULEVERSION: std::snprintf(item, sizeof item, "SetModuleVersion(%u,%#x) ", c.a, c.b); break;
         default: std::snprintf(item, sizeof item, "op%d ", c.op);
       }
       out += item;

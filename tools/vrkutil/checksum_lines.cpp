@@ -80,6 +80,21 @@ void PrintChecksumLine(const std::string& value, const char* name) {
   std::putchar('\n');
 }
 
+int PrintChecksums(std::span<const char* const> files, ChecksumFn compute) {
+  static const char* const kStdin[] = {"-"};
+  if (files.empty()) files = kStdin;
+  int status = kExitOk;
+  for (const char* path : files) {
+    std::string value, error;
+    if (compute(path, value, error)) {
+      PrintChecksumLine(value, path);
+    } else {
+      status = Fail(kExitFailure, "%s: %s", path, error.c_str());
+    }
+  }
+  return status;
+}
+
 int CheckChecksums(const Command& command, std::span<const char* const> lists, unsigned value_digits,
                    ChecksumFn compute) {
   static const char* const kStdin[] = {"-"};

@@ -20,6 +20,10 @@ void PrintNameLine(const char* name);
 // prints it; false with the reason in `error`.
 using ChecksumFn = bool (*)(const char* path, std::string& value, std::string& error);
 
+// Prints the line of each of `files` (none: standard input), or one error
+// line for a file that cannot be read. Exit status 1 when any could not.
+int PrintChecksums(std::span<const char* const> files, ChecksumFn compute);
+
 // The check mode: reads each of `lists` ("-": standard input) as lines
 // printed by PrintChecksumLine with values of `value_digits` hex digits,
 // recomputes each file's value and prints "NAME: OK" or "NAME: FAILED"

@@ -53,18 +53,7 @@ bool Crc32(const char* path, std::string& value, std::string& error) {
 
 int Run(const Invocation& in) {
   if (in.Has(kCheck)) return CheckChecksums(kCrc32, in.operands(), 8, Crc32);
-  static const char* const kStdin[] = {"-"};
-  const auto files = in.operands().empty() ? std::span<const char* const>(kStdin) : in.operands();
-  int status = kExitOk;
-  for (const char* path : files) {
-    std::string value, error;
-    if (Crc32(path, value, error)) {
-      PrintChecksumLine(value, path);
-    } else {
-      status = Fail(kExitFailure, "%s: %s", path, error.c_str());
-    }
-  }
-  return status;
+  return PrintChecksums(in.operands(), Crc32);
 }
 
 }  // namespace

@@ -90,18 +90,7 @@ int Run(const Invocation& in) {
   if (NumberOption(kMd5, in, kLimit, 0, 0xFFFFFFFFll, limit) != kExitOk) return kExitUsage;
   g_limit = static_cast<uint32_t>(limit);
   if (in.Has(kCheck)) return CheckChecksums(kMd5, in.operands(), 32, Digest);
-  static const char* const kStdin[] = {"-"};
-  const auto files = in.operands().empty() ? std::span<const char* const>(kStdin) : in.operands();
-  int status = kExitOk;
-  for (const char* path : files) {
-    std::string value, error;
-    if (Digest(path, value, error)) {
-      PrintChecksumLine(value, path);
-    } else {
-      status = Fail(kExitFailure, "%s: %s", path, error.c_str());
-    }
-  }
-  return status;
+  return PrintChecksums(in.operands(), Digest);
 }
 
 }  // namespace

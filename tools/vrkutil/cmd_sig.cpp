@@ -1,10 +1,12 @@
 // vrkutil sig: signature lines derived from a sample file.
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "command.h"
 #include "io/file_input.h"
+#include "scan/database.h"
 #include "vrk_checksum.h"
 #include "vrk_search.h"
 #include "vrk_standin_ctl.h"
@@ -23,7 +25,11 @@ const Command kSig{
     "Prints database lines for signature NAME recognising FILE: one 'crc'\n"
     "line per --column N (1 to 37; default 37, the whole 2048-byte head) with\n"
     "the fingerprint word of that column, and with --md5 an 'md5' line with\n"
-    "the digest of the whole file.",
+    "the digest and size of the whole file (so that a scan hashes only files\n"
+    "of that size). FILE '-' is standard input. NAME must be one the database\n"
+    "reader accepts (letters, digits and . _ - / :). A column whose word is 0\n"
+    "(a region of one repeated byte, or past the end of a short file) is\n"
+    "refused: it would match far too many files.",
     Run, kOptions};
 
 // Whether the fingerprint computes column `c` for a file of `length` bytes:
@@ -46,6 +52,7 @@ int Run(const Invocation& in) {
   if (columns.empty()) columns.push_back(37);
   const char* name = in.operands()[0];
   const char* path = in.operands()[1];
+  if (std::string why; !vrk::scan::ValidSignatureName(name, why)) return UsageError(kSig, "%s", why.c_str());
 
   vrktool::VFile opened;
   if (!opened.Open(path)) return Fail(kExitFailure, "%s: %s", path, opened.error().c_str());
@@ -63,6 +70,10 @@ int Run(const Invocation& in) {
       status = Fail(kExitFailure, "%s: too short for column %u", path, c);
       continue;
     }
+    if (fingerprint.words[c] == 0) {
+      status = Fail(kExitFailure, "%s: column %u is 0 (one repeated byte or padding), which matches too much", path, c);
+      continue;
+    }
     std::printf("%s crc %u 0x%08x\n", name, c, fingerprint.words[c]);
   }
   if (md5) {
@@ -73,7 +84,7 @@ int Run(const Invocation& in) {
     } else {
       std::printf("%s md5 ", name);
       for (unsigned char b : digest) std::printf("%02x", b);
-      std::printf("\n");
+      std::printf(" %u\n", VFilelength(file));
     }
   }
   return status;

@@ -95,6 +95,31 @@ void PrintManPage() {
             "2 on bad usage or unusable input; each command's text above says more.");
 }
 
+// A bash completion script made from the command table: subcommands, then
+// each command's options; file names everywhere else.
+void PrintBashCompletion() {
+  std::puts("# bash completion for vrkutil; written by 'vrkutil --bash-completion'.");
+  std::puts("_vrkutil() {");
+  std::puts("  local cur=${COMP_WORDS[COMP_CWORD]}");
+  std::fputs("  if [ \"$COMP_CWORD\" -eq 1 ]; then\n    COMPREPLY=($(compgen -W \"--help --version", stdout);
+  for (const Command& c : SortedCommands()) std::printf(" %s", c.name);
+  std::puts("\" -- \"$cur\"))\n    return\n  fi");
+  std::puts("  local options=\"--help\"");
+  std::puts("  case ${COMP_WORDS[1]} in");
+  for (const Command& c : SortedCommands()) {
+    std::printf("    %s) options=\"--help", c.name);
+    for (const Option& o : c.options) {
+      if (o.long_name) std::printf(" --%s", o.long_name);
+      if (o.short_name) std::printf(" -%c", o.short_name);
+    }
+    std::puts("\" ;;");
+  }
+  std::puts("  esac");
+  std::puts("  if [[ $cur == -* ]]; then\n    COMPREPLY=($(compgen -W \"$options\" -- \"$cur\"))\n  else\n"
+            "    COMPREPLY=($(compgen -f -- \"$cur\"))\n  fi\n}");
+  std::puts("complete -o filenames -F _vrkutil vrkutil");
+}
+
 }  // namespace
 
 bool Register(const Command& command) {
@@ -171,8 +196,13 @@ int main(int argc, char** argv) {
     PrintHelp(stdout);
     return kExitOk;
   }
-  if (first == "--manpage") {  // used by the build, not listed in --help
+  // Used by the build, not listed in --help.
+  if (first == "--manpage") {
     PrintManPage();
+    return kExitOk;
+  }
+  if (first == "--bash-completion") {
+    PrintBashCompletion();
     return kExitOk;
   }
   if (first == "--version") {
