@@ -44,7 +44,7 @@ TEST(CliPe, ForeignImagesDetailsAndLoadFailures) {
   } cases[] = {
       {{"plus.dll"}, 0, {"  verdict: 0xC000007B STATUS_INVALID_IMAGE_FORMAT\n  PE32+ (x86-64) image: not read further\n"}, ""},
       {{"--rva", "0xF0000000", "details.dll"}, 0,
-       {"    .longname RVA ", "        2  0x00001500  fwd  forwarded to NTDLL.RtlFoo\n", "nothing readable\n",
+       {"    .longname RVA ", "        2  0x00001500  fwd  forwarded to NTDLL.RtlFoo\n", "past the end of the file (0x",
         "  warning: the debug directory (RVA 0x00002800, 0x1C bytes) lies past the end of the file\n"}, ""},
       {{"--load", "plus.dll"}, 1, {}, "plus.dll: not loaded: PE32+ (x86-64) image, header verdict 0xC000007B"},
       {{"--load", "zm.dll"}, 1, {}, "zm.dll: not loaded: its DOS header says \"ZM\""},

@@ -222,10 +222,17 @@ void PrintRva(const PeFile& pe, uint32_t rva) {
     std::printf(", nothing readable\n");
     return;
   }
-  std::printf(", file position 0x%08X with %d bytes readable", pos, readable);
-  // The count comes from the section header; the file may be shorter.
+  // The count comes from the section header, and for an RVA far past the raw
+  // data its arithmetic wraps to a position outside the file: the bytes
+  // readable are those the file holds there.
   const uint32_t size = pe.File().size();
-  if (uint32_t(readable) > size - std::min(pos, size)) std::printf(" (the file holds %u of them)", size - std::min(pos, size));
+  const uint32_t held = pos < size ? size - pos : 0;
+  if (held == 0) {
+    std::printf(", file position 0x%08X past the end of the file (0x%X bytes), nothing readable\n", pos, size);
+    return;
+  }
+  std::printf(", file position 0x%08X with %u bytes readable", pos, std::min<uint32_t>(uint32_t(readable), held));
+  if (uint32_t(readable) > held) std::printf(" (the section claims %d)", readable);
   std::printf("\n");
 }
 
