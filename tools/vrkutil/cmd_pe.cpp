@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "io/file_input.h"
 #include "pe/walk.h"
 #include "vrk_pe.h"
 #include "vrk_standin_ctl.h"
@@ -38,6 +40,7 @@ const Command kPe{
     "--load loads the DLLs in the order given into one process record whose\n"
     "native callbacks refuse every module, and says which loaded and why not.\n"
     "Only images whose header verdict is sound are loaded.\n"
+    "FILE '-' is standard input, read into memory (256 MiB at most).\n"
     "This RUNS the entry points of DLLs that ask for it: use it on trusted files.\n"
     "Exit status 1 when a file is not PE (or, with --load, does not load).",
     Run, kOptions};
@@ -102,19 +105,13 @@ struct PeFile {
   }
 };
 
-bool ReadFile(const char* path, std::vector<uint8_t>& out) {
-  FILE* f = std::fopen(path, "rb");
-  if (!f) return false;
-  uint8_t buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) out.insert(out.end(), buffer, buffer + n);
-  std::fclose(f);
-  return true;
-}
+// Standard input is read into memory up to this size.
+constexpr size_t kStdinLimit = size_t{256} << 20;
 
-// Fills `pe` from the file at `path`; an error text when it is not PE.
-const char* Open(const char* path, PeFile& pe) {
-  if (!ReadFile(path, pe.bytes)) return "cannot be read";
+// Fills `pe` from the file at `path` ("-": standard input); an error text
+// when it cannot be read or is not PE.
+std::string Open(const char* path, PeFile& pe) {
+  if (std::string error; !vrktool::ReadWholeFile(path, pe.bytes, error, kStdinLimit)) return error;
   const ByteView file = pe.File();
   if (file.size() < vrk::pe::kDosHeaderSize || !PE_EsMZ(file.data())) return "not a PE file (no MZ header)";
   if (!file.Read(vrk::pe::kLfanewOffset, pe.lfanew) || !file.Read(pe.lfanew, pe.nt))
@@ -123,7 +120,7 @@ const char* Open(const char* path, PeFile& pe) {
   const uint32_t wanted = pe.nt.FileHeader.NumberOfSections;
   pe.sections.assign(std::max(wanted, 96u), PE_IMAGE_SECTION_HEADER{});
   while (pe.count < wanted && vrk::pe::ReadSectionHeader(file, pe.lfanew, pe.nt, pe.count, pe.sections[pe.count])) ++pe.count;
-  return nullptr;
+  return "";
 }
 
 void PrintSections(const PeFile& pe) {
@@ -312,11 +309,15 @@ int Load(std::span<const char* const> files) {
   int status = kExitOk;
   MODLOAD_PROCESS* process = MODLOAD_CreateProcess(nullptr, NoNative, NoFree, NoProc);
   if (!process) return Fail(kExitFailure, "cannot create a process record");
+  // The files stay in memory while the process record lives; the loader
+  // reads them as virtual files over that memory.
+  std::vector<std::unique_ptr<PeFile>> kept;
   std::vector<VFileHandle> handles;
   for (const char* path : files) {
-    PeFile pe;
-    if (const char* error = Open(path, pe)) {
-      status = Fail(kExitFailure, "%s: not loaded: %s", path, error);
+    kept.push_back(std::make_unique<PeFile>());
+    PeFile& pe = *kept.back();
+    if (const std::string error = Open(path, pe); !error.empty()) {
+      status = Fail(kExitFailure, "%s: not loaded: %s", path, error.c_str());
       continue;
     }
     // The loader reads what it is given: only the header checks keep a
@@ -327,9 +328,9 @@ int Load(std::span<const char* const> files) {
                     VerdictName(verdict));
       continue;
     }
-    VFileHandle h = vrkvfile_open_path(path, VRKVFILE_COPY);
+    VFileHandle h = vrkvfile_open_memory(pe.bytes.data(), static_cast<uint32_t>(pe.bytes.size()), VRKVFILE_COPY);
     if (!h) {
-      status = Fail(kExitFailure, "%s: not loaded: cannot be read", path);
+      status = Fail(kExitFailure, "%s: not loaded: cannot open it as a virtual file", path);
       continue;
     }
     handles.push_back(h);
@@ -354,8 +355,8 @@ int Run(const Invocation& in) {
   int status = kExitOk;
   for (const char* path : files) {
     PeFile pe;
-    if (const char* error = Open(path, pe)) {
-      status = Fail(kExitFailure, "%s: %s", path, error);
+    if (const std::string error = Open(path, pe); !error.empty()) {
+      status = Fail(kExitFailure, "%s: %s", path, error.c_str());
       continue;
     }
     Describe(path, pe, have_rva, static_cast<uint32_t>(rva));
