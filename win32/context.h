@@ -115,7 +115,9 @@ class Context {
   void Diagnose(const std::string& path, VFileHandle file, VRKW32_RESULT* why) const;
   bool Plan(const std::string& path, std::vector<std::string>& order, std::vector<std::string>& visiting,
             VRKW32_RESULT* why);
-  std::string FindFile(const std::string& name) const;
+  // The file of a DLL name: a path as it is, a name in `first_dir` or else
+  // in the search folders; "" when none.
+  std::string FindFile(const std::string& name, const std::string& first_dir = "") const;
   PELOAD_MODULE* ListedByName(const char* name) const;
 
   MODLOAD_PROCESS* process_;

@@ -19,12 +19,19 @@ namespace {
 constexpr uint32_t kDllProcessDetach = 0;
 constexpr uint32_t kDllProcessAttach = 1;
 constexpr uint16_t kCharacteristicsDll = 0x2000;
+constexpr uint16_t kMachineI386 = 0x014C;
+constexpr uint16_t kMagicPe32 = 0x010B;
 constexpr uint16_t kDllCharacteristicsCallEntry = 0x0001;
 
 // The file name of a Windows or POSIX path.
 std::string BaseName(const std::string& path) {
   const size_t slash = path.find_last_of("/\\");
   return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "" : slash == 0 ? "/" : path.substr(0, slash);
 }
 
 // LoadLibrary adds ".dll" to a name without an extension.
@@ -105,11 +112,14 @@ void ReportOutcome(const Context& context, const CallOutcome& outcome, const std
 
 void Context::AddSearchDir(const std::string& dir) { search_dirs_.push_back(dir); }
 
-std::string Context::FindFile(const std::string& name) const {
+std::string Context::FindFile(const std::string& name, const std::string& first_dir) const {
   if (name.find('/') != std::string::npos) return IsFile(name) ? name : "";
   // Windows file names ignore letter case: compare each folder's entries.
   const std::string wanted = WithExtension(BaseName(name));
-  for (const std::string& dir : search_dirs_) {
+  std::vector<std::string> dirs;
+  if (!first_dir.empty()) dirs.push_back(first_dir);
+  dirs.insert(dirs.end(), search_dirs_.begin(), search_dirs_.end());
+  for (const std::string& dir : dirs) {
     DIR* d = opendir(dir.c_str());
     if (!d) continue;
     std::string found;
@@ -144,14 +154,28 @@ bool Context::Plan(const std::string& path, std::vector<std::string>& order, std
   std::vector<ImportedDll> imports;
   const bool read = ReadAll(file, bytes);
   close_(file);
-  if (!read || !ReadFileImports(ByteView(bytes.data(), uint32_t(bytes.size())), imports)) {
+  const ByteView view(bytes.data(), uint32_t(bytes.size()));
+  if (!read || !ReadFileImports(view, imports)) {
     SetText(why, VRKW32_LOAD_FAILED, path + " is not a PE file whose imports can be read");
+    return false;
+  }
+  // The loader reads every image as PE32; code for another machine would
+  // run as garbage.
+  uint32_t lfanew = 0;
+  PE_IMAGE_NT_HEADERS32 nt{};
+  if (!view.Read(0x3C, lfanew) || !view.Read(lfanew, nt) || nt.FileHeader.Machine != kMachineI386 ||
+      nt.OptionalHeader.Magic != kMagicPe32) {
+    char detail[64];
+    std::snprintf(detail, sizeof detail, " (machine 0x%04x, optional header 0x%03x)", nt.FileHeader.Machine,
+                  nt.OptionalHeader.Magic);
+    SetText(why, VRKW32_LOAD_FAILED, path + " is not a 32-bit x86 PE file" + detail);
     return false;
   }
   visiting.push_back(path);
   for (const ImportedDll& dll : imports) {
     if (ListedByName(dll.dll.c_str()) || FindServedDll(dll.dll.c_str())) continue;
-    const std::string found = FindFile(dll.dll);
+    // A DLL's own folder comes first, as when Windows loads it by its path.
+    const std::string found = FindFile(dll.dll, DirectoryOf(path));
     // A DLL found nowhere becomes a module of stubs when the import is bound;
     // a cycle is broken the same way.
     if (found.empty() || std::find(order.begin(), order.end(), found) != order.end() ||

@@ -72,7 +72,8 @@ VRK_API VRKW32_CONTEXT *VRKW32_CreateContext(MODLOAD_PROCESS *process, VRKW32_OP
  * those added before. 1, or 0 when out of memory. */
 VRK_API int VRKW32_AddSearchDir(VRKW32_CONTEXT *context, const char *dir) VRK_NOEXCEPT;
 /* Loads the PE DLL at `pathOrName` (a path, or a bare name looked for in
- * the search folders) into the record: the PE DLLs it imports first, in
+ * the search folders) into the record: the PE DLLs it imports first (each
+ * looked for beside the DLL importing it, then in the search folders), in
  * dependency order, each started with DLL_PROCESS_ATTACH as Windows would.
  * Imports from native modules are bound to their implementations or to
  * stubs. The module entry, or null with `result` saying why. */
