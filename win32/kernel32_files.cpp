@@ -331,6 +331,14 @@ DWORD VRKW32_WINAPI GetFullPathNameW(LPCWSTR path, DWORD size, LPWSTR buffer, LP
   return n;
 }
 
+BOOL VRKW32_WINAPI CreateHardLinkA(LPCSTR path, LPCSTR existing, void*) {
+  return link(FilePath(existing).c_str(), FilePath(path).c_str()) == 0 ? kTrue : FailErrno();
+}
+
+BOOL VRKW32_WINAPI CreateHardLinkW(LPCWSTR path, LPCWSTR existing, void* security) {
+  return CreateHardLinkA(Narrow(path).c_str(), Narrow(existing).c_str(), security);
+}
+
 BOOL VRKW32_WINAPI MoveFileExA(LPCSTR from, LPCSTR to, DWORD flags) {
   constexpr DWORD kReplaceExisting = 1;
   const std::string target = FilePath(to);

@@ -438,6 +438,49 @@ BOOL VRKW32_WINAPI GetSystemTimeAdjustment(DWORD* adjustment, DWORD* increment, 
 UINT VRKW32_WINAPI GetThreadLocale() { return 0x0409; }  // en-US
 UINT VRKW32_WINAPI GetUserDefaultLCID() { return 0x0409; }
 
+namespace {
+
+// %NAME% becomes the variable's value; an unknown name stays as written.
+std::string Expand(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size();) {
+    const size_t close = text[i] == '%' ? text.find('%', i + 1) : std::string_view::npos;
+    const char* value = nullptr;
+    if (close != std::string_view::npos) value = std::getenv(std::string(text.substr(i + 1, close - i - 1)).c_str());
+    if (value) {
+      out += value;
+      i = close + 1;
+    } else {
+      out += text[i++];
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+// The size needed, terminator included, whether or not it fits.
+DWORD VRKW32_WINAPI ExpandEnvironmentStringsA(LPCSTR text, LPSTR buffer, DWORD size) {
+  const std::string expanded = Expand(text ? text : "");
+  if (buffer && size > expanded.size()) std::memcpy(buffer, expanded.c_str(), expanded.size() + 1);
+  return DWORD(expanded.size() + 1);
+}
+
+DWORD VRKW32_WINAPI ExpandEnvironmentStringsW(LPCWSTR text, LPWSTR buffer, DWORD size) {
+  const std::u16string expanded = Widen(Expand(Narrow(text)));
+  if (buffer && size > expanded.size()) std::memcpy(buffer, expanded.c_str(), 2 * (expanded.size() + 1));
+  return DWORD(expanded.size() + 1);
+}
+
+DWORD VRKW32_WINAPI GetPriorityClass(HANDLE) { return 0x20; }  // NORMAL_PRIORITY_CLASS
+
+// Windows' default working-set bounds; the host sets none.
+BOOL VRKW32_WINAPI GetProcessWorkingSetSize(HANDLE, SIZE_T* minimum, SIZE_T* maximum) {
+  if (minimum) *minimum = 204800;
+  if (maximum) *maximum = 1413120;
+  return kTrue;
+}
+
 // The environment is the host process's.
 BOOL VRKW32_WINAPI SetEnvironmentVariableA(LPCSTR name, LPCSTR value) {
   if (!name || !*name || std::strchr(name, '=')) {
