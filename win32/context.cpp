@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 #include "win32/handles.h"
@@ -51,6 +52,12 @@ void StackOf(uint32_t& base, uint32_t& limit) {
   pthread_attr_destroy(&attr);
 }
 
+// Each host thread's number for the life of the process. Thread ids are
+// reused once a thread has ended; a new thread must not inherit the TEB (TLS
+// values, last error) of an ended one.
+std::atomic<uint64_t> g_thread_serials{0};
+thread_local const uint64_t t_thread_serial = ++g_thread_serials;
+
 }  // namespace
 
 Context::Context(MODLOAD_PROCESS* process, VRKW32_OPEN_FN open, VRKW32_CLOSE_FN close)
@@ -91,14 +98,15 @@ Context::~Context() {
 }
 
 GuestThread* Context::ThreadForCaller() {
-  const pid_t tid = pid_t(syscall(SYS_gettid));
+  const uint64_t serial = t_thread_serial;
   std::lock_guard<std::mutex> lock(threads_mutex_);
   for (const auto& t : threads_) {
-    if (t->tid == tid) return t.get();
+    if (t->serial == serial) return t.get();
   }
   auto thread = std::make_unique<GuestThread>();
   thread->context = this;
-  thread->tid = tid;
+  thread->serial = serial;
+  thread->tid = pid_t(syscall(SYS_gettid));
   thread->teb = MapZeroed<Teb>();
   if (!thread->teb) return nullptr;
   Teb& teb = *thread->teb;
@@ -106,7 +114,7 @@ GuestThread* Context::ThreadForCaller() {
   StackOf(teb.stack_base, teb.stack_limit);
   teb.self = AddressOf(&teb);
   teb.process_id = uint32_t(getpid());
-  teb.thread_id = uint32_t(tid);
+  teb.thread_id = uint32_t(thread->tid);
   teb.peb = AddressOf(peb_);
   if (!thread->fs.Create(thread->teb)) {
     munmap(thread->teb, sizeof(Teb));

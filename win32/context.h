@@ -28,6 +28,7 @@ class HandleTable;
 // One host thread inside one context.
 struct GuestThread {
   Context* context = nullptr;
+  uint64_t serial = 0;  // of the host thread: never reused, unlike its id
   pid_t tid = 0;
   Teb* teb = nullptr;  // page-aligned, owned
   FsSegment fs;
@@ -42,6 +43,21 @@ struct VirtualRegion {
   uint32_t base;
   uint32_t size;
   DWORD protect;  // of the whole region, as last set
+};
+
+// Why a load, a guest call or a teardown did not end normally; mapped to the
+// documented VRKW32_ codes only at the C boundary.
+enum class Failed : uint8_t {
+  kNothing,
+  kNotFound,  // no such file
+  kBadImage,  // not a loadable 32-bit x86 DLL, imports not bound, entry point refused
+  kGuest,     // guest code did not return normally: see `outcome`
+};
+
+struct Failure {
+  Failed what = Failed::kNothing;
+  CallOutcome outcome;
+  std::string text;  // one line
 };
 
 // A PE module loaded through the layer, in load order.
@@ -72,10 +88,10 @@ class Context {
   // Loads a PE DLL by path or by name (searched in the search folders),
   // with the PE DLLs it imports first, and runs entry points as Windows
   // does. Null with `why` set on failure.
-  PELOAD_MODULE* Load(const std::string& path_or_name, VRKW32_RESULT* why);
+  PELOAD_MODULE* Load(const std::string& path_or_name, Failure& why);
   // DLL_PROCESS_DETACH to every attached module, newest first; the first
   // abnormal end is reported in `why` and the others still run.
-  void DetachAll(VRKW32_RESULT* why);
+  void DetachAll(Failure& why);
   const std::vector<LoadedModule>& modules() const { return modules_; }
 
   // What guest code sees of modules: HMODULE of a name (PE modules by their
@@ -111,10 +127,10 @@ class Context {
   void RunAtExit();
 
  private:
-  PELOAD_MODULE* LoadOne(const std::string& path, bool requested, VRKW32_RESULT* why);
-  void Diagnose(const std::string& path, VFileHandle file, VRKW32_RESULT* why) const;
+  PELOAD_MODULE* LoadOne(const std::string& path, bool requested, Failure& why);
+  void Diagnose(const std::string& path, VFileHandle file, Failure& why) const;
   bool Plan(const std::string& path, std::vector<std::string>& order, std::vector<std::string>& visiting,
-            VRKW32_RESULT* why);
+            Failure& why);
   // The file of a DLL name: a path as it is, a name in `first_dir` or else
   // in the search folders; "" when none.
   std::string FindFile(const std::string& name, const std::string& first_dir = "") const;
@@ -148,10 +164,8 @@ class Context {
   std::vector<uint32_t> at_exit_;
 };
 
-// Fills `why` from a guarded call that did not return, adding where it
-// happened.
-void ReportOutcome(const Context& context, const CallOutcome& outcome, const std::string& during,
-                   VRKW32_RESULT* why);
+// A guarded call that did not return, as a failure saying where it happened.
+Failure GuestFailure(const Context& context, const CallOutcome& outcome, const std::string& during);
 
 // The context of the guest call on this thread; natives are only ever
 // called from inside one.

@@ -300,7 +300,9 @@ DWORD VRKW32_WINAPI GetCurrentDirectoryW(DWORD size, LPWSTR buffer) {
 namespace vrk::win32::kernel32 {
 
 // The working directory is the host process's.
-BOOL VRKW32_WINAPI SetCurrentDirectoryA(LPCSTR path) { return chdir(FilePath(path).c_str()) == 0 ? kTrue : FailErrno(); }
+BOOL VRKW32_WINAPI SetCurrentDirectoryA(LPCSTR path) {
+  return chdir(FilePath(path).c_str()) == 0 ? kTrue : FailErrno();
+}
 BOOL VRKW32_WINAPI SetCurrentDirectoryW(LPCWSTR path) { return SetCurrentDirectoryA(Narrow(path).c_str()); }
 
 DWORD VRKW32_WINAPI GetFullPathNameA(LPCSTR path, DWORD size, LPSTR buffer, LPSTR* file_part) {

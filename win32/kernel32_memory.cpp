@@ -61,7 +61,10 @@ VirtualRegion* RegionAt(uint32_t address) {
   return nullptr;
 }
 
-uint32_t RoundUp(uint32_t value, uint32_t unit) { return value > UINT32_MAX - (unit - 1) ? 0 : (value + unit - 1) & ~(unit - 1); }
+// 0 when rounding would pass 4 GiB.
+uint32_t RoundUp(uint32_t value, uint32_t unit) {
+  return value > UINT32_MAX - (unit - 1) ? 0 : (value + unit - 1) & ~(unit - 1);
+}
 
 }  // namespace
 

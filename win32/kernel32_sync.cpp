@@ -193,7 +193,9 @@ HANDLE VRKW32_WINAPI CreateMutexA(void*, BOOL owned, LPCSTR) {
       owned, Thread().tid);
 }
 
-HANDLE VRKW32_WINAPI CreateMutexW(void* security, BOOL owned, LPCWSTR) { return CreateMutexA(security, owned, nullptr); }
+HANDLE VRKW32_WINAPI CreateMutexW(void* security, BOOL owned, LPCWSTR) {
+  return CreateMutexA(security, owned, nullptr);
+}
 
 BOOL VRKW32_WINAPI ReleaseMutex(HANDLE mutex) { return Ctx().handles().ReleaseMutex(mutex) ? kTrue : kFalse; }
 

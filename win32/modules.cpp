@@ -70,22 +70,9 @@ uint32_t BaseOf(const PELOAD_MODULE* entry) {
   return image ? AddressOf(image->image) : 0;
 }
 
-void SetText(VRKW32_RESULT* why, int status, const std::string& text) {
-  if (!why) return;
-  why->status = status;
-  std::snprintf(why->text, sizeof why->text, "%s", text.c_str());
-}
-
-int StatusOf(CallEnd end) {
-  switch (end) {
-    case CallEnd::kReturned: return VRKW32_OK;
-    case CallEnd::kNotImplemented: return VRKW32_NOT_IMPLEMENTED;
-    case CallEnd::kFault: return VRKW32_FAULT;
-    case CallEnd::kExited: return VRKW32_EXITED;
-    case CallEnd::kNoSegment: return VRKW32_NO_SEGMENT;
-    case CallEnd::kWrongContext: return VRKW32_BAD_CALL;
-  }
-  return VRKW32_BAD_CALL;
+void SetText(Failure& why, Failed what, const std::string& text) {
+  why.what = what;
+  why.text = text;
 }
 
 struct LoadCall {
@@ -101,13 +88,10 @@ void LoadBody(void* arg) {
 
 }  // namespace
 
-void ReportOutcome(const Context& context, const CallOutcome& outcome, const std::string& during,
-                   VRKW32_RESULT* why) {
-  if (!why) return;
+Failure GuestFailure(const Context& context, const CallOutcome& outcome, const std::string& during) {
   std::string text = Describe(context, outcome);
   if (!during.empty()) text += " (" + during + ")";
-  SetText(why, StatusOf(outcome.end), text);
-  why->exitCode = outcome.exit_code;
+  return Failure{Failed::kGuest, outcome, text};
 }
 
 void Context::AddSearchDir(const std::string& dir) { search_dirs_.push_back(dir); }
@@ -144,10 +128,10 @@ PELOAD_MODULE* Context::ListedByName(const char* name) const {
 }
 
 bool Context::Plan(const std::string& path, std::vector<std::string>& order, std::vector<std::string>& visiting,
-                   VRKW32_RESULT* why) {
+                   Failure& why) {
   VFileHandle file = open_(path.c_str());
   if (!file) {
-    SetText(why, VRKW32_NOT_FOUND, path + " cannot be opened");
+    SetText(why, Failed::kNotFound, path + " cannot be opened");
     return false;
   }
   std::vector<uint8_t> bytes;
@@ -156,7 +140,7 @@ bool Context::Plan(const std::string& path, std::vector<std::string>& order, std
   close_(file);
   const ByteView view(bytes.data(), uint32_t(bytes.size()));
   if (!read || !ReadFileImports(view, imports)) {
-    SetText(why, VRKW32_LOAD_FAILED, path + " is not a PE file whose imports can be read");
+    SetText(why, Failed::kBadImage, path + " is not a PE file whose imports can be read");
     return false;
   }
   // The loader reads every image as PE32; code for another machine would
@@ -168,7 +152,7 @@ bool Context::Plan(const std::string& path, std::vector<std::string>& order, std
     char detail[64];
     std::snprintf(detail, sizeof detail, " (machine 0x%04x, optional header 0x%03x)", nt.FileHeader.Machine,
                   nt.OptionalHeader.Magic);
-    SetText(why, VRKW32_LOAD_FAILED, path + " is not a 32-bit x86 PE file" + detail);
+    SetText(why, Failed::kBadImage, path + " is not a 32-bit x86 PE file" + detail);
     return false;
   }
   visiting.push_back(path);
@@ -189,11 +173,11 @@ bool Context::Plan(const std::string& path, std::vector<std::string>& order, std
   return true;
 }
 
-void Context::Diagnose(const std::string& path, VFileHandle file, VRKW32_RESULT* why) const {
+void Context::Diagnose(const std::string& path, VFileHandle file, Failure& why) const {
   const std::string name = BaseName(path);
   char exported[PELOAD_NAME_SIZE];
   if (PELOAD_GetDllNameH(file, exported, sizeof exported) != 1) {
-    SetText(why, VRKW32_LOAD_FAILED, name + " is not a loadable PE DLL (no PE headers, or no base relocations)");
+    SetText(why, Failed::kBadImage, name + " is not a loadable PE DLL (no PE headers, or no base relocations)");
     return;
   }
   std::vector<uint8_t> bytes;
@@ -206,20 +190,20 @@ void Context::Diagnose(const std::string& path, VFileHandle file, VRKW32_RESULT*
       const char* key = dll.ordinals[i] ? reinterpret_cast<const char*>(uintptr_t(dll.ordinals[i]))
                                         : dll.names[i].c_str();
       if (PELOAD_GetProcAddress(const_cast<PELOAD_MODULE*>(from), key) == 0) {
-        SetText(why, VRKW32_LOAD_FAILED, name + " imports " + dll.dll + "!" + dll.names[i] + ", which " +
+        SetText(why, Failed::kBadImage, name + " imports " + dll.dll + "!" + dll.names[i] + ", which " +
                                              dll.dll + " does not export");
         return;
       }
     }
   }
-  SetText(why, VRKW32_LOAD_FAILED, name + " could not be loaded (its imports could not be bound, its entry "
+  SetText(why, Failed::kBadImage, name + " could not be loaded (its imports could not be bound, its entry "
                                           "point refused, or memory ran out)");
 }
 
-PELOAD_MODULE* Context::LoadOne(const std::string& path, bool requested, VRKW32_RESULT* why) {
+PELOAD_MODULE* Context::LoadOne(const std::string& path, bool requested, Failure& why) {
   VFileHandle file = open_(path.c_str());
   if (!file) {
-    SetText(why, VRKW32_NOT_FOUND, path + " cannot be opened");
+    SetText(why, Failed::kNotFound, path + " cannot be opened");
     return nullptr;
   }
   // The file stays open while the context lives: an image used in place is
@@ -229,7 +213,7 @@ PELOAD_MODULE* Context::LoadOne(const std::string& path, bool requested, VRKW32_
   LoadCall call{file, process_, nullptr};
   const CallOutcome loaded = RunGuarded(*this, LoadBody, &call);
   if (loaded.end != CallEnd::kReturned) {
-    ReportOutcome(*this, loaded, "while loading " + BaseName(path), why);
+    why = GuestFailure(*this, loaded, "while loading " + BaseName(path));
     return nullptr;
   }
   if (!call.entry) {
@@ -259,11 +243,11 @@ PELOAD_MODULE* Context::LoadOne(const std::string& path, bool requested, VRKW32_
   const uint32_t args[3] = {BaseOf(entry), kDllProcessAttach, 0};
   const CallOutcome started = CallGuest(*this, BaseOf(entry) + nt.OptionalHeader.AddressOfEntryPoint, args, 3);
   if (started.end != CallEnd::kReturned) {
-    ReportOutcome(*this, started, "in the entry point of " + std::string(entry->fullName), why);
+    why = GuestFailure(*this, started, "in the entry point of " + std::string(entry->fullName));
     return nullptr;
   }
   if (started.eax == 0) {
-    SetText(why, VRKW32_LOAD_FAILED, std::string("the entry point of ") + entry->fullName +
+    SetText(why, Failed::kBadImage, std::string("the entry point of ") + entry->fullName +
                                          " refused DLL_PROCESS_ATTACH");
     return nullptr;
   }
@@ -272,10 +256,10 @@ PELOAD_MODULE* Context::LoadOne(const std::string& path, bool requested, VRKW32_
   return entry;
 }
 
-PELOAD_MODULE* Context::Load(const std::string& path_or_name, VRKW32_RESULT* why) {
+PELOAD_MODULE* Context::Load(const std::string& path_or_name, Failure& why) {
   const std::string path = FindFile(path_or_name);
   if (path.empty()) {
-    SetText(why, VRKW32_NOT_FOUND, "no DLL file " + path_or_name +
+    SetText(why, Failed::kNotFound, "no DLL file " + path_or_name +
                                        (path_or_name.find('/') == std::string::npos ? " in the search folders" : ""));
     return nullptr;
   }
@@ -289,7 +273,7 @@ PELOAD_MODULE* Context::Load(const std::string& path_or_name, VRKW32_RESULT* why
   return entry;
 }
 
-void Context::DetachAll(VRKW32_RESULT* why) {
+void Context::DetachAll(Failure& why) {
   // Newest started first: a module is stopped before those it started on.
   bool reported = false;
   while (!attach_order_.empty()) {
@@ -304,7 +288,7 @@ void Context::DetachAll(VRKW32_RESULT* why) {
     const uint32_t args[3] = {base, kDllProcessDetach, 0};
     const CallOutcome outcome = CallGuest(*this, base + nt.OptionalHeader.AddressOfEntryPoint, args, 3);
     if (outcome.end != CallEnd::kReturned && !reported) {
-      ReportOutcome(*this, outcome, "in the entry point of " + std::string(entry->fullName) + " at detach", why);
+      why = GuestFailure(*this, outcome, "in the entry point of " + std::string(entry->fullName) + " at detach");
       reported = true;
     }
   }
@@ -360,8 +344,8 @@ HMODULE Context::LoadFromGuest(const char* name) {
   }
   if (HMODULE aliased = FindModule(wanted.c_str()); aliased && !IsNativeDll(aliased)) return aliased;
   if (FindFile(wanted).empty()) return nullptr;
-  VRKW32_RESULT why{};
-  PELOAD_MODULE* entry = Load(wanted, &why);
+  Failure why;
+  PELOAD_MODULE* entry = Load(wanted, why);
   return entry ? reinterpret_cast<HMODULE>(uintptr_t(BaseOf(entry))) : nullptr;
 }
 

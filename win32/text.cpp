@@ -36,7 +36,10 @@ char32_t DecodeUtf8(std::string_view text, size_t& i, bool& ok) {
   ok = true;
   const uint8_t lead = uint8_t(text[i++]);
   if (lead < 0x80) return lead;
-  const int extra = lead >= 0xF0 && lead <= 0xF4 ? 3 : lead >= 0xE0 && lead < 0xF0 ? 2 : lead >= 0xC2 && lead < 0xE0 ? 1 : -1;
+  const int extra = lead >= 0xF0 && lead <= 0xF4   ? 3
+                    : lead >= 0xE0 && lead < 0xF0 ? 2
+                    : lead >= 0xC2 && lead < 0xE0 ? 1
+                                                  : -1;
   ok = false;
   if (extra < 0) return kReplacement;
   char32_t c = lead & (0x3F >> extra);

@@ -19,6 +19,37 @@ void Clear(VRKW32_RESULT* result) {
   if (result) *result = VRKW32_RESULT{};
 }
 
+int StatusOf(vrk::win32::CallEnd end) {
+  using vrk::win32::CallEnd;
+  switch (end) {
+    case CallEnd::kReturned: return VRKW32_OK;
+    case CallEnd::kNotImplemented: return VRKW32_NOT_IMPLEMENTED;
+    case CallEnd::kFault: return VRKW32_FAULT;
+    case CallEnd::kExited: return VRKW32_EXITED;
+    case CallEnd::kNoSegment: return VRKW32_NO_SEGMENT;
+    case CallEnd::kWrongContext: return VRKW32_BAD_CALL;
+  }
+  return VRKW32_BAD_CALL;
+}
+
+// The documented code and text of an internal failure.
+int Report(const vrk::win32::Failure& failure, VRKW32_RESULT* result) {
+  using vrk::win32::Failed;
+  int status = VRKW32_OK;
+  switch (failure.what) {
+    case Failed::kNothing: status = VRKW32_OK; break;
+    case Failed::kNotFound: status = VRKW32_NOT_FOUND; break;
+    case Failed::kBadImage: status = VRKW32_LOAD_FAILED; break;
+    case Failed::kGuest: status = StatusOf(failure.outcome.end); break;
+  }
+  if (result) {
+    result->status = status;
+    result->exitCode = failure.outcome.exit_code;
+    std::snprintf(result->text, sizeof result->text, "%s", failure.text.c_str());
+  }
+  return status;
+}
+
 int BadCall(VRKW32_RESULT* result, const char* text) {
   if (result) {
     result->status = VRKW32_BAD_CALL;
@@ -76,7 +107,10 @@ PELOAD_MODULE* VRKW32_LoadLibrary(VRKW32_CONTEXT* context, const char* path, VRK
     BadCall(result, "no context or no DLL name");
     return nullptr;
   }
-  return context->context.Load(path, result);
+  vrk::win32::Failure failure;
+  PELOAD_MODULE* module = context->context.Load(path, failure);
+  if (!module) (void)Report(failure, result);
+  return module;
 }
 
 int VRKW32_Call(VRKW32_CONTEXT* context, uint32_t address, const uint32_t* args, uint32_t count,
@@ -87,8 +121,7 @@ int VRKW32_Call(VRKW32_CONTEXT* context, uint32_t address, const uint32_t* args,
   }
   const vrk::win32::CallOutcome outcome = vrk::win32::CallGuest(context->context, address, args, count);
   if (outcome.end != vrk::win32::CallEnd::kReturned) {
-    vrk::win32::ReportOutcome(context->context, outcome, "", result);
-    return result ? result->status : VRKW32_FAULT;
+    return Report(vrk::win32::GuestFailure(context->context, outcome, ""), result);
   }
   if (result) {
     result->value = outcome.eax;
@@ -102,14 +135,15 @@ void VRKW32_DestroyContext(VRKW32_CONTEXT* context, VRKW32_RESULT* result) noexc
   Clear(result);
   if (!context) return;
   Context& c = context->context;
+  vrk::win32::Failure failure;
   const vrk::win32::CallOutcome outcome =
       vrk::win32::RunGuarded(c, [](void* arg) { static_cast<Context*>(arg)->RunAtExit(); }, &c);
   if (outcome.end != vrk::win32::CallEnd::kReturned) {
-    vrk::win32::ReportOutcome(c, outcome, "in an atexit function", result);
+    failure = vrk::win32::GuestFailure(c, outcome, "in an atexit function");
   }
-  VRKW32_RESULT detach{};
-  c.DetachAll(&detach);
-  if (result && result->status == VRKW32_OK) *result = detach;
+  vrk::win32::Failure detach;
+  c.DetachAll(detach);
+  (void)Report(failure.what != vrk::win32::Failed::kNothing ? failure : detach, result);
   delete context;
 }
 

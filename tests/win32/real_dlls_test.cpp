@@ -50,7 +50,8 @@ std::vector<uint8_t> Sample(size_t size, uint32_t seed) {
     const size_t piece = std::min<size_t>(size - out.size(), 1 + random() % 4096);
     const uint32_t kind = random() % 3;
     for (size_t i = 0; i < piece; ++i) {
-      out.push_back(kind == 0 ? uint8_t(random()) : kind == 1 ? uint8_t("the quick brown fox "[i % 20]) : uint8_t(seed));
+      const uint8_t text = uint8_t("the quick brown fox "[i % 20]);
+      out.push_back(kind == 0 ? uint8_t(random()) : kind == 1 ? text : uint8_t(seed));
     }
   }
   return out;
@@ -99,7 +100,9 @@ TEST(Win32RealDll, ZlibEqualsTheSystemZlib) {
   // Compressed bytes are only comparable between equal versions of zlib;
   // otherwise the round trips must still hold.
   const bool same_version = std::string(version) == zlibVersion();
-  if (!same_version) std::printf("zlib1.dll is %s, the system's %s: compress2 checked by round trip\n", version, zlibVersion());
+  if (!same_version) {
+    std::printf("zlib1.dll is %s, the system's %s: compress2 checked by round trip\n", version, zlibVersion());
+  }
   for (size_t size : {size_t(0), size_t(1), size_t(1000), size_t(65537), size_t(1 << 20) + 3, size_t(8) << 20}) {
     SCOPED_TRACE(size);
     const std::vector<uint8_t> data = Sample(size, uint32_t(size));
@@ -113,8 +116,9 @@ TEST(Win32RealDll, ZlibEqualsTheSystemZlib) {
       std::vector<uint8_t> theirs(bound), ours(bound), back(size + 1);
       uint32_t their_size = bound;
       uLongf our_size = bound;
-      ASSERT_EQ(p.Call("compress2", {Word(theirs.data()), Word(&their_size), Word(data.data()), n, uint32_t(level)}).value,
-                uint32_t(Z_OK));
+      const uint32_t status =
+          p.Call("compress2", {Word(theirs.data()), Word(&their_size), Word(data.data()), n, uint32_t(level)}).value;
+      ASSERT_EQ(status, uint32_t(Z_OK));
       ASSERT_EQ(compress2(ours.data(), &our_size, data.data(), n, level), Z_OK);
       if (same_version) {
         EXPECT_EQ(their_size, our_size);
@@ -122,8 +126,9 @@ TEST(Win32RealDll, ZlibEqualsTheSystemZlib) {
       }
       // Each side inflates what the other deflated.
       uint32_t back_size = uint32_t(back.size());
-      ASSERT_EQ(p.Call("uncompress", {Word(back.data()), Word(&back_size), Word(ours.data()), uint32_t(our_size)}).value,
-                uint32_t(Z_OK));
+      const uint32_t inflated =
+          p.Call("uncompress", {Word(back.data()), Word(&back_size), Word(ours.data()), uint32_t(our_size)}).value;
+      ASSERT_EQ(inflated, uint32_t(Z_OK));
       EXPECT_TRUE(back_size == size && std::memcmp(back.data(), data.data(), size) == 0);
       uLongf system_back = back.size();
       ASSERT_EQ(uncompress(back.data(), &system_back, theirs.data(), their_size), Z_OK);
@@ -204,8 +209,11 @@ TEST(Win32RealDll, LibgcryptDigestsEqualSha256sumAndMd5sum) {
     const std::vector<uint8_t> data = Sample(size, 99 + uint32_t(size));
     const std::string path = WriteTemp("vrkw32_digest.bin", data);
     uint8_t sha256[32] = {}, md5[16] = {};
-    EXPECT_EQ(p.Call("gcry_md_hash_buffer", {kSha256, Word(sha256), Word(data.data()), uint32_t(size)}).status, VRKW32_OK);
-    EXPECT_EQ(p.Call("gcry_md_hash_buffer", {kMd5, Word(md5), Word(data.data()), uint32_t(size)}).status, VRKW32_OK);
+    for (auto [algorithm, digest] : {std::pair{kSha256, sha256}, {kMd5, md5}}) {
+      const VRKW32_RESULT r =
+          p.Call("gcry_md_hash_buffer", {algorithm, Word(digest), Word(data.data()), uint32_t(size)});
+      EXPECT_EQ(r.status, VRKW32_OK) << r.text;
+    }
     EXPECT_EQ(Hex(sha256, 32), Command("sha256sum '" + path + "'").substr(0, 64));
     EXPECT_EQ(Hex(md5, 16), Command("md5sum '" + path + "'").substr(0, 32));
     std::remove(path.c_str());

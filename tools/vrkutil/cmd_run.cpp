@@ -89,7 +89,10 @@ bool ParseWord(std::string_view text, uint32_t& out) {
   if (text.empty() || text.size() > 10) return false;
   uint64_t value = 0;
   for (char c : text) {
-    int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : 99;
+    const int d = c >= '0' && c <= '9'   ? c - '0'
+                  : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                  : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                         : 99;
     if (d >= base) return false;
     value = value * uint64_t(base) + uint64_t(d);
   }
