@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "cli/run_tool.h"
+#include "support/run_tool.h"
 
 namespace {
 

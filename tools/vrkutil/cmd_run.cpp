@@ -16,7 +16,14 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kCdecl, kStdcall, kString, kList, kDir };
+constexpr Option kOptions[] = {{kCdecl, 0, "cdecl", false},
+                               {kStdcall, 0, "stdcall", false},
+                               {kString, 0, "string", false},
+                               {kList, 0, "list", false},
+                               {kDir, 'L', nullptr, true}};
 
 const Command kRun{
     "run", "[--cdecl|--stdcall] [--string] [-L DIR]... DLL EXPORT [ARG...] | [-L DIR]... --list DLL",
@@ -42,7 +49,8 @@ const Command kRun{
     "Running a DLL runs its code with your rights: trusted DLLs only.\n"
     "Exit status: 1 when a DLL or EXPORT cannot be loaded or found; 3 when the\n"
     "DLL's code crashed, called an unimplemented import or ended the process.",
-    Run};
+    // The first operand (DLL) ends the options: what follows is the call's.
+    Run, kOptions, Operands::kStopAtFirst};
 VRK_COMMAND(kRun);
 
 constexpr int kExitGuest = 3;  // the DLL's code did not return normally
@@ -79,25 +87,9 @@ bool ReadFile(const char* path, std::vector<uint8_t>& out) {
 
 // Decimal or 0x hexadecimal, optionally negative, within 32 bits.
 bool ParseWord(std::string_view text, uint32_t& out) {
-  const bool negative = !text.empty() && text[0] == '-';
-  if (negative) text.remove_prefix(1);
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    base = 16;
-    text.remove_prefix(2);
-  }
-  if (text.empty() || text.size() > 10) return false;
-  uint64_t value = 0;
-  for (char c : text) {
-    const int d = c >= '0' && c <= '9'   ? c - '0'
-                  : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                  : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                         : 99;
-    if (d >= base) return false;
-    value = value * uint64_t(base) + uint64_t(d);
-  }
-  if (value > (negative ? 0x80000000ull : 0xFFFFFFFFull)) return false;
-  out = negative ? uint32_t(0u - uint32_t(value)) : uint32_t(value);
+  long long value = 0;
+  if (!ParseInt(text, value) || value < INT32_MIN || value > 0xFFFFFFFFLL) return false;
+  out = uint32_t(value);
   return true;
 }
 
@@ -258,34 +250,13 @@ int CallExport(VRKW32_CONTEXT* context, PELOAD_MODULE* module, const Options& o)
   return kExitOk;
 }
 
-bool ParseOptions(Args args, Options& o, int& status) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view a = args[i];
-    if (!o.rest.empty()) {
-      o.rest.push_back(args[i]);  // after DLL everything is the call's
-    } else if (a == "--cdecl") {
-      o.cdecl_convention = true;
-    } else if (a == "--stdcall") {
-      o.stdcall_convention = true;
-    } else if (a == "--string") {
-      o.as_string = true;
-    } else if (a == "--list") {
-      o.list = true;
-    } else if (a == "-L") {
-      if (i + 1 == args.size()) {
-        status = UsageError(kRun, "-L needs a folder");
-        return false;
-      }
-      o.dirs.push_back(args[++i]);
-    } else if (a.size() > 2 && a.substr(0, 2) == "-L") {
-      o.dirs.push_back(args[i] + 2);
-    } else if (a.size() > 1 && a[0] == '-' && a != "--") {
-      status = UsageError(kRun, "unknown option '%s'", args[i]);
-      return false;
-    } else if (a != "--") {
-      o.rest.push_back(args[i]);
-    }
-  }
+bool ReadOptions(const Invocation& in, Options& o, int& status) {
+  o.cdecl_convention = in.Has(kCdecl);
+  o.stdcall_convention = in.Has(kStdcall);
+  o.as_string = in.Has(kString);
+  o.list = in.Has(kList);
+  o.dirs = in.Values(kDir);
+  o.rest.assign(in.operands().begin(), in.operands().end());
   if (o.cdecl_convention && o.stdcall_convention) {
     status = UsageError(kRun, "--cdecl and --stdcall exclude each other");
     return false;
@@ -302,10 +273,10 @@ std::string DirectoryOf(const char* path) {
   return slash ? std::string(path, size_t(slash - path)) : ".";
 }
 
-int Run(Args args) {
+int Run(const Invocation& in) {
   Options o;
   int status = kExitOk;
-  if (!ParseOptions(args, o, status)) return status;
+  if (!ReadOptions(in, o, status)) return status;
   MODLOAD_PROCESS* process = MODLOAD_CreateProcess(nullptr, VRKW32_LoadNative, VRKW32_FreeNative, VRKW32_GetProcNative);
   VRKW32_CONTEXT* context = process ? VRKW32_CreateContext(process, OpenFile, vrkvfile_close) : nullptr;
   if (!context) {
