@@ -6,7 +6,6 @@
 
 #include <sys/types.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
