@@ -128,22 +128,22 @@ void Pad(std::string& out, const std::string& piece, int width, bool left) {
   if (left) out.append(size_t(padding), ' ');
 }
 
-// `spec` is one conversion rebuilt here from checked pieces (flags, width,
+// `conversion` is one conversion rebuilt here from checked pieces (flags, width,
 // precision, a host size and the type), never guest text, so the host's
 // printf gets exactly the argument type it names.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <class T>
-void Append(std::string& out, const std::string& spec, T value) {
+void Append(std::string& out, const std::string& conversion, T value) {
   char piece[512];
-  const int n = std::snprintf(piece, sizeof piece, spec.c_str(), value);
+  const int n = std::snprintf(piece, sizeof piece, conversion.c_str(), value);
   if (n < 0) return;
   if (size_t(n) < sizeof piece) {
     out.append(piece, size_t(n));
     return;
   }
   std::string big(size_t(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), spec.c_str(), value);
+  std::snprintf(big.data(), big.size(), conversion.c_str(), value);
   out.append(big.data(), size_t(n));
 }
 #pragma GCC diagnostic pop
@@ -204,27 +204,27 @@ std::string Format(LPCSTR format, const uint8_t* args) {
       }
     }
     const char type = *p ? *p++ : '\0';
-    std::string spec = "%" + flags;
-    if (width > 0) spec += std::to_string(width);
-    if (precision >= 0) spec += "." + std::to_string(precision);
+    std::string conversion = "%" + flags;
+    if (width > 0) conversion += std::to_string(width);
+    if (precision >= 0) conversion += "." + std::to_string(precision);
     const bool left = flags.find('-') != std::string::npos;
     switch (type) {
       case 'd': case 'i': case 'u': case 'o': case 'x': case 'X': {
         const bool is_signed = type == 'd' || type == 'i';
         if (wide64) {
           const uint64_t v = next.Next<uint64_t>();
-          if (is_signed) Append(out, spec + "ll" + type, int64_t(v));
-          else Append(out, spec + "ll" + type, v);
+          if (is_signed) Append(out, conversion + "ll" + type, int64_t(v));
+          else Append(out, conversion + "ll" + type, v);
         } else {
           uint32_t v = next.Next<uint32_t>();
           if (narrow_text) v = is_signed ? uint32_t(int32_t(int16_t(v))) : uint16_t(v);
-          if (is_signed) Append(out, spec + type, int32_t(v));
-          else Append(out, spec + type, v);
+          if (is_signed) Append(out, conversion + type, int32_t(v));
+          else Append(out, conversion + type, v);
         }
         break;
       }
       case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
-        Append(out, spec + type, next.Next<double>());
+        Append(out, conversion + type, next.Next<double>());
         break;
       case 'p':
         Append(out, "%08X", next.Next<uint32_t>());
@@ -234,7 +234,7 @@ std::string Format(LPCSTR format, const uint8_t* args) {
         if ((type == 'C' && !narrow_text) || wide_text) {
           Pad(out, Narrow(std::u16string(1, char16_t(c))), width, left);
         } else {
-          Append(out, spec + 'c', int(uint8_t(c)));
+          Append(out, conversion + 'c', int(uint8_t(c)));
         }
         break;
       }
@@ -247,7 +247,7 @@ std::string Format(LPCSTR format, const uint8_t* args) {
           Pad(out, Narrow(text), width, left);
         } else {
           const char* s = reinterpret_cast<const char*>(uintptr_t(at));
-          Append(out, spec + 's', s ? s : "(null)");
+          Append(out, conversion + 's', s ? s : "(null)");
         }
         break;
       }
