@@ -44,10 +44,10 @@ void InterProcessSystem_Close() {
 void Library_Init() {
   // Registration must precede the library's first allocation.
   SetModuleVersion(kModuleNumber, kModuleVersion);
-  text::charconv_InitCPIndex();
+  text::BuildCodePageIndex();
 }
 
-void Library_Fini() { text::charconv_FreeCPIndex(); }
+void Library_Fini() { text::FreeCodePageIndex(); }
 
 // The only constructor and destructor of the library; every other global is
 // constant-initialised, so nothing runs or allocates before these.
