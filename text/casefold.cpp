@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include "frame/block.h"
+#include "text/kernels.h"
 #include "text/utf8.h"
 #include "vrk_text.h"
 #include "vrkalloc.h"
@@ -165,6 +166,19 @@ constexpr std::array<std::array<uint8_t, 128>, 3> kAsciiFold = [] {
 static_assert(kAsciiFold[1]['K'] == 'k' && kAsciiFold[1]['I'] == 'i' && kAsciiFold[2]['I'] == kSlowPath &&
               kAsciiFold[0]['I'] == 'i' && kAsciiFold[1]['k'] == 'k' && kAsciiFold[1][0] == 0);
 
+// Outside the Turkic I, every filter folds ASCII as A-Z to a-z, which is
+// what the vector runs of kernels.h do.
+constexpr bool AsciiFoldsAsLetters() {
+  for (uint32_t f = 0; f < 3; ++f) {
+    for (uint32_t c = 0; c < 128; ++c) {
+      const uint32_t letter = c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
+      if (kAsciiFold[f][c] != letter && !(f == 2 && c == 'I' && kAsciiFold[f][c] == kSlowPath)) return false;
+    }
+  }
+  return true;
+}
+static_assert(AsciiFoldsAsLetters());
+
 constexpr bool InPlaceAsciiIsDirect() {
   for (const uint8_t f : kAsciiFold[0]) {
     if (f == kSlowPath) return false;
@@ -290,15 +304,62 @@ constexpr FoldOrder OrderOf(bool less) { return less ? FoldOrder::kLess : FoldOr
 // Output capacity grows in fixed steps the product's allocator accounts for.
 constexpr uint32_t kFoldGrowthStep = 2048;
 
+// The byte that ends a vector run of ASCII under `flags`: the Turkic I,
+// which folds to a 2-byte letter, or none (0x80 is no ASCII byte).
+constexpr uint8_t RunStop(int flags) { return (flags & UTF8_FOLD_TURKIC) ? uint8_t('I') : uint8_t(0x80); }
+
+// Equal ASCII characters in a row after which the comparison goes on a
+// vector at a time. Setting that up (finding how far both strings go) costs
+// about what 20 characters through the table do, so short strings and text
+// of other scripts stay with the table; long runs (paths, addresses) gain.
+constexpr ptrdiff_t kAsciiStreak = 48;
+
+// Runs of ASCII are folded many bytes per step only where they are long
+// enough for that to pay: at least kLongRun bytes are left (known to come
+// before the terminator) and the first eight are ASCII (the Turkic I among
+// them just ends the vector run early).
+constexpr uint32_t kLongRun = 16;
+
+// The length of the run of equal ASCII at a and b, found many bytes at a
+// time. How far the strings go is learnt a window at a time (strnlen), so
+// that a run that ends early has not looked far ahead. Kept out of line and
+// without state between calls: the comparison's own loop needs every
+// register it can get on this target.
+[[gnu::noinline]] uint32_t EqualAsciiAhead(const char* a, const char* b, int flags) {
+  uint32_t run = 0;
+  for (uint32_t window = 256;; window = window < (1u << 16) ? window * 2 : window) {
+    const size_t known_a = strnlen(a + run, window);
+    const size_t known_b = strnlen(b + run, window);
+    const uint32_t known = uint32_t(known_a < known_b ? known_a : known_b);
+    const uint32_t more = EqualAsciiRun(Bytes(a + run), Bytes(b + run), known, RunStop(flags));
+    run += more;
+    if (more < window) return run;  // the run or a string ended inside the window
+  }
+}
+
+constexpr uint8_t FoldLetter(uint8_t c) { return c >= 'A' && c <= 'Z' ? uint8_t(c + ('a' - 'A')) : c; }
+
+inline bool StartsLongRun(const char* p) {
+  uint32_t w[2];
+  std::memcpy(w, p, sizeof w);
+  return ((w[0] | w[1]) & 0x80808080u) == 0;
+}
+
 }  // namespace
 
 char* FoldInPlace(char* s) {
-  const std::array<uint8_t, 128>& ascii = kAsciiFold[FilterIndex(kInPlaceKinds)];
   EnsureIndex();  // the set-up runs on the first call, whatever the text
-  for (char* p = s; *p != 0;) {
+  char* p = s;
+  char* const end = s + std::strlen(s);
+  while (p != end) {
     const uint8_t c = uint8_t(*p);
     if (c < 0x80) {  // every in-place folding of ASCII is one byte
-      *p++ = char(ascii[c]);
+      if (end - p < ptrdiff_t(kLongRun) || !StartsLongRun(p)) {
+        *p++ = char(FoldLetter(c));
+        continue;
+      }
+      uint8_t* const run = reinterpret_cast<uint8_t*>(p);
+      p += FoldAsciiRun(run, run, uint32_t(end - p), RunStop(0));
       continue;
     }
     const int32_t n = LeadLength(c);
@@ -312,45 +373,64 @@ char* FoldInPlace(char* s) {
 
 char* FoldCopy(const char* s, int flags) {
   const KindFilter filter = FilterFor(flags);
-  const std::array<uint8_t, 128>& ascii = kAsciiFold[FilterIndex(filter)];
   const std::array<uint16_t, 2048>& keys = kFold2Key[FilterIndex(filter)];
+  const uint8_t stop = RunStop(flags);
   Block<char> output;
   uint32_t capacity = 0;
   uint32_t length = 0;
   EnsureIndex();  // the set-up runs on the first call, whatever the text
-  for (const char* p = s; *p != 0;) {
+  const char* p = s;
+  const char* const end = s + std::strlen(s);
+  // Raises the capacity by one step; a refused growth keeps the old block,
+  // which the holder frees.
+  const auto grow = [&] {
+    if (capacity > UINT32_MAX - kFoldGrowthStep || !output.Grow(capacity + kFoldGrowthStep)) return false;
+    capacity += kFoldGrowthStep;
+    return true;
+  };
+  // Each character is appended when its folded bytes and the terminator
+  // fit, after one growth if they do not.
+  while (p != end) {
     const uint8_t c = uint8_t(*p);
-    // The folded form, from the direct tables for ASCII and for 2-byte
-    // characters that fold to two bytes, else by the general lookup.
-    uint8_t direct[2];
-    int32_t n;
-    Folded f;
-    if (c < 0x80 && ascii[c] != kSlowPath) {
-      direct[0] = ascii[c];
-      n = 1;
-      f = {reinterpret_cast<const char*>(direct), 1};
-    } else if ((c & 0xE0) == 0xC0 && IsContinuation(uint8_t(p[1])) && keys[Slot2(p)] != 0) {
-      const uint16_t key = keys[Slot2(p)];
-      direct[0] = uint8_t(key >> 8);
-      direct[1] = uint8_t(key);
-      n = 2;
-      f = {reinterpret_cast<const char*>(direct), 2};
-    } else {
-      n = LeadLength(c);
-      if (n < 0 || !IsValidChar(Bytes(p))) {
-        // Released with the null-safe call, even before anything was
-        // allocated.
-        void* block = output.release();
-        PSafeFree(&block);
-        return nullptr;
+    if (c < 0x80 && c != stop) {
+      if (length + 2 > capacity && !grow()) return nullptr;
+      if (end - p >= ptrdiff_t(kLongRun) && capacity - length > kLongRun && StartsLongRun(p)) {
+        // A long run of ASCII, as far as the room goes without growing:
+        // each byte needs room for itself and the terminator.
+        const uint32_t fits = capacity - 1 - length;
+        const uint32_t left = uint32_t(end - p);
+        const uint32_t run = FoldAsciiRun(Bytes(p), reinterpret_cast<uint8_t*>(output.get()) + length,
+                                          left < fits ? left : fits, stop);
+        p += run;
+        length += run;
+        continue;
       }
-      f = FoldChar(p, n, filter);
+      output[length++] = char(FoldLetter(c));
+      ++p;
+      continue;
     }
-    // A refused growth keeps the old block, which the holder frees.
-    if (length + uint32_t(f.length) + 1 > capacity) {
-      if (capacity > UINT32_MAX - kFoldGrowthStep || !output.Grow(capacity + kFoldGrowthStep)) return nullptr;
-      capacity += kFoldGrowthStep;
+    // 2-byte characters that fold to two bytes, from the direct table.
+    if ((c & 0xE0) == 0xC0 && IsContinuation(uint8_t(p[1]))) {
+      const uint16_t key = keys[Slot2(p)];
+      if (key != 0) {
+        if (length + 3 > capacity && !grow()) return nullptr;
+        output[length] = char(key >> 8);
+        output[length + 1] = char(key & 0xFF);
+        length += 2;
+        p += 2;
+        continue;
+      }
     }
+    const int32_t n = LeadLength(c);
+    if (n < 0 || !IsValidChar(Bytes(p))) {
+      // Released with the null-safe call, even before anything was
+      // allocated.
+      void* block = output.release();
+      PSafeFree(&block);
+      return nullptr;
+    }
+    const Folded f = FoldChar(p, n, filter);
+    if (length + uint32_t(f.length) + 1 > capacity && !grow()) return nullptr;
     char* const at = output.get() + length;
     for (int32_t i = 0; i < f.length; ++i) at[i] = f.bytes[i];  // 1 to 6 bytes
     length += uint32_t(f.length);
@@ -367,21 +447,36 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
   const uint32_t filter = FilterIndex(FilterFor(flags));
   const std::array<uint8_t, 128>& ascii = kAsciiFold[filter];
   const std::array<uint16_t, 2048>& keys = kFold2Key[filter];
+  const char* ascii_from = a;  // where the current run of equal ASCII began
   EnsureIndex();  // the set-up runs on the first call, whatever the text
   for (;;) {
     // Two ASCII characters whose foldings are single bytes compare as those
-    // bytes, whatever the flags: both folded forms are one byte long.
+    // bytes, whatever the flags: both folded forms are one byte long. The
+    // loop is bound by how many branches a round takes, so an equal pair
+    // goes through as few as can be: equal foldings, and one test that the
+    // folding is neither the terminator's (0) nor kSlowPath.
     const uint8_t x = uint8_t(*a);
     const uint8_t y = uint8_t(*b);
     if ((x | y) < 0x80) {
       const uint8_t fx = ascii[x];
       const uint8_t fy = ascii[y];
-      if (fx != kSlowPath && fy != kSlowPath) {
-        if (fx != fy) return OrderOf(fx < fy);
-        if (x == 0) return FoldOrder::kEqual;
-        ++a;
-        ++b;
-        continue;
+      if (__builtin_expect(fx == fy, 1)) {
+        if (__builtin_expect(uint8_t(fx - 1) < kSlowPath - 1, 1)) {
+          ++a;
+          ++b;
+          // Whether the run is long enough to go on a vector at a time is
+          // asked only where a's address is a multiple of 64, a test that
+          // needs no register of its own.
+          if (__builtin_expect((reinterpret_cast<uintptr_t>(a) & 63) == 0, 0) && a - ascii_from >= kAsciiStreak) {
+            const uint32_t run = EqualAsciiAhead(a, b, flags);
+            a += run;
+            b += run;
+          }
+          continue;
+        }
+        if (fx == 0) return FoldOrder::kEqual;  // both at their terminators
+      } else if (fx != kSlowPath && fy != kSlowPath) {
+        return OrderOf(fx < fy);
       }
     }
     // Two 2-byte characters whose foldings are two bytes each compare as
@@ -394,6 +489,7 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
         if (ka != kb) return OrderOf(ka < kb);
         a += 2;
         b += 2;
+        ascii_from = a;
         continue;
       }
     }
@@ -403,6 +499,7 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
     // The two characters may differ in length (U+004B against U+212A).
     a += LeadLengthOf(a);
     b += LeadLengthOf(b);
+    ascii_from = a;
   }
 }
 
