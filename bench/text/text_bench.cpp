@@ -132,10 +132,35 @@ std::vector<Pair> Pairs(bool mixed_script) {
   return pairs;
 }
 
+// Long ASCII pairs equal after folding: file paths of 64 to 320 bytes in
+// random case, where comparison runs far before it ends.
+std::vector<Pair> PathPairs() {
+  static const char* const kParts[] = {"Program Files", "Vendor", "Scanner", "Definitions", "quarantine", "Temp",
+                                       "Users", "Documents and Settings", "AppData", "Local", "cache", "x86"};
+  std::mt19937 rng(6);
+  std::vector<Pair> pairs(2000);
+  for (Pair& p : pairs) {
+    std::string path = "C:";
+    const size_t length = 64 + rng() % 257;
+    while (path.size() < length) path += std::string("/") + kParts[rng() % 12];
+    path.resize(length);
+    for (const char c : path) {
+      const bool up_a = rng() % 2, up_b = rng() % 2;
+      const char upper = c >= 'a' && c <= 'z' ? char(c - 32) : c;
+      p.a += up_a ? upper : c;
+      p.b += up_b ? upper : c;
+      p.a16 += char16_t(uint8_t(p.a.back()));
+      p.b16 += char16_t(uint8_t(p.b.back()));
+    }
+  }
+  return pairs;
+}
+
 const std::vector<Pair>& PairSet(int which) {
   static const std::vector<Pair> ascii = Pairs(false);
   static const std::vector<Pair> mixed = Pairs(true);
-  return which == 0 ? ascii : mixed;
+  static const std::vector<Pair> paths = PathPairs();
+  return which == 0 ? ascii : which == 1 ? mixed : paths;
 }
 
 // 4,096 short strings of the kind a scanner folds one at a time (names,
@@ -358,12 +383,12 @@ const Group kGroups[] = {
 #ifdef VRK_BENCH_ICU
     {"UTF16ToUTF8", {"ascii", "cjk"}, Utf16ToUtf8Vrk, {Utf16ToUtf8Icu, Utf16ToUtf8Iconv}, {"icu", "iconv"}},
     {"UTF8ToUTF16", {"ascii", "cjk"}, Utf8ToUtf16Vrk, {Utf8ToUtf16Icu, Utf8ToUtf16Iconv}, {"icu", "iconv"}},
-    {"icmp", {"ascii", "mixed"}, IcmpVrk, {IcmpIcu, nullptr}, {"icu", nullptr}},
+    {"icmp", {"ascii", "mixed", "paths"}, IcmpVrk, {IcmpIcu, nullptr}, {"icu", nullptr}},
     {"foldstrict", {"ascii", "mixed", "corpus"}, FoldVrk, {FoldIcu, nullptr}, {"icu", nullptr}},
 #else
     {"UTF16ToUTF8", {"ascii", "cjk"}, Utf16ToUtf8Vrk, {Utf16ToUtf8Iconv, nullptr}, {"iconv", nullptr}},
     {"UTF8ToUTF16", {"ascii", "cjk"}, Utf8ToUtf16Vrk, {Utf8ToUtf16Iconv, nullptr}, {"iconv", nullptr}},
-    {"icmp", {"ascii", "mixed"}, IcmpVrk, {nullptr, nullptr}, {nullptr, nullptr}},
+    {"icmp", {"ascii", "mixed", "paths"}, IcmpVrk, {nullptr, nullptr}, {nullptr, nullptr}},
     {"foldstrict", {"ascii", "mixed", "corpus"}, FoldVrk, {nullptr, nullptr}, {nullptr, nullptr}},
 #endif
 };
