@@ -465,7 +465,7 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
           ++a;
           ++b;
           // Whether the run is long enough to go on a vector at a time is
-          // asked only where a's address is a multiple of 64, a test that
+          // asked only where a's address is a multiple of 16, a test that
           // needs no register of its own.
           if (__builtin_expect((reinterpret_cast<uintptr_t>(a) & 15) == 0, 0) && a - ascii_from >= kAsciiStreak) {
             const uint32_t run = EqualAsciiAhead(a, b, flags);
