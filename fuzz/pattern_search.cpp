@@ -12,20 +12,19 @@
 #include <string>
 #include <vector>
 
+#include "search/pattern_builder.h"
 #include "tests/search/pattern_reference.h"
 #include "vrk_search.h"
-// The builder is compiled in directly: fuzz targets link only the library.
-#include "tools/patterns/pattern_builder.cpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace vrk::patterns;
+  using namespace vrk::search::builder;
   if (size < 2) return 0;
   size_t at = 0;
   const int count = (data[at++] & 15) + 1;
-  std::vector<PatternSource> sources;
+  std::vector<Pattern> patterns;
   for (int n = 0; n < count && at < size; ++n) {
     const size_t length = data[at++] % 17;
-    std::vector<Element> elements;
+    Pattern elements;
     int gaps = 0;
     for (size_t i = 0; i < length && at < size; ++i) {
       const uint8_t b = data[at++];
@@ -38,13 +37,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (gaps > 2) continue;
     // Only patterns the layout can express; the rest are refused by design.
-    const std::string text = FormatPattern(elements);
-    std::vector<Element> parsed;
-    uint16_t key;
-    std::vector<uint8_t> record;
-    std::string error;
-    if (!ParsePattern(text, parsed, error) || !EncodePattern(parsed, key, record, error)) continue;
-    sources.push_back({"p" + std::to_string(n), text});
+    // The readable form goes through the parser, which checks the rest.
+    Pattern parsed;
+    Filed filed;
+    std::string reason;
+    if (!ParsePattern(FormatPattern(elements), parsed, reason) || !EncodePattern(parsed, filed, reason)) continue;
+    patterns.push_back(std::move(parsed));
   }
   if (at >= size) return 0;
   const uint8_t shorten = data[at++];
@@ -57,8 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int positions = length - 1 - (shorten % 4);
 
   Table table;
-  std::string error;
-  if (!BuildTable(sources, table, error)) __builtin_trap();  // each pattern was accepted alone
+  Refusal refusal;
+  if (!BuildTable(patterns, table, refusal)) __builtin_trap();  // each pattern was accepted alone
   std::vector<const unsigned char*> items(4096);
   SEARCH_BuscaTblList out{uint32_t(items.size()), 0, items.data()};
   SEARCH_BuscaTbl(0, table.mutable_desc(), bytes.data(), positions, length, &out);

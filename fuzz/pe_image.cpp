@@ -1,7 +1,8 @@
-// Fuzz target of the PE family. The input is taken three ways: as NT headers
-// and a section table for the header checks and RVA lookups; as a virtual
-// file (copying and memory-held) for the DLL-name reader; and as the first
-// module of a process record whose native callbacks refuse every import.
+// Fuzz target of the PE family. The input is taken four ways: as NT headers
+// and a section table for the header checks and RVA lookups; as a file read
+// by RVA through the walkers that the vrkutil tool uses; as a virtual file
+// (copying and memory-held) for the DLL-name reader; and as the first module
+// of a process record whose native callbacks refuse every import.
 //
 // No byte of the input is ever run. A load calls the entry point only after
 // the export slot table has been allocated, so the allocator stand-in is told
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "pe/walk.h"
 #include "vrk_pe.h"
 #include "vrk_standin_ctl.h"
 
@@ -69,26 +71,41 @@ void Reader(std::vector<uint8_t>& bytes, int mode) {
   vrkvfile_close(file);
 }
 
-// The image block the reader would allocate, as it computes it from the
-// same header bytes; 0 when the reader would not get that far.
-uint64_t ImageBlockSize(const uint8_t* data, size_t size) {
-  uint32_t lfanew = 0;
-  PE_IMAGE_NT_HEADERS32 nt;
-  if (size < 64) return 0;
-  std::memcpy(&lfanew, data + 0x3C, 4);
-  if (lfanew > size || sizeof nt > size - lfanew) return 0;
-  std::memcpy(&nt, data + lfanew, sizeof nt);
-  return uint64_t(nt.OptionalHeader.SizeOfImage) + nt.OptionalHeader.SectionAlignment;
+// The tool's reading of a file: every export and import through a FileView.
+struct Ignore {
+  vrk::pe::LoadStatus Module(const char*) { return vrk::pe::LoadStatus::kOk; }
+  vrk::pe::LoadStatus Entry(const vrk::pe::ImportEntry&) { return vrk::pe::LoadStatus::kOk; }
+};
+
+void FileWalks(vrk::ByteView file, uint32_t lfanew, const PE_IMAGE_NT_HEADERS32& nt) {
+  std::vector<PE_IMAGE_SECTION_HEADER> sections(nt.FileHeader.NumberOfSections);
+  uint32_t count = 0;
+  while (count < sections.size() && vrk::pe::ReadSectionHeader(file, lfanew, nt, count, sections[count])) ++count;
+  const vrk::pe::FileView view(file, sections.data(), count, nt.OptionalHeader.SizeOfHeaders);
+  vrk::pe::ExportWalk<vrk::pe::FileView> exports;
+  volatile uint32_t sink = 0;
+  if (exports.Open(view, nt)) {
+    for (uint32_t i = 0; i < exports.functions(); ++i) sink = sink + exports.FunctionRva(i);
+    exports.ForEachName([&](uint32_t index, const char* name) { sink = sink + index + uint8_t(name[0]); });
+  }
+  Ignore ignore;
+  (void)vrk::pe::WalkImports(view, nt, ignore);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   HeaderChecks(data, size);
-  // Walking the relocations of a huge, zero-filled image is sound but slow
-  // (linear in the image size, with every page touched); such inputs teach
-  // the fuzzer nothing the small ones do not.
-  if (ImageBlockSize(data, size) > (16u << 20)) return 0;
+  const vrk::ByteView file(data, uint32_t(size));
+  uint32_t lfanew = 0;
+  PE_IMAGE_NT_HEADERS32 nt;
+  if (file.Read(vrk::pe::kLfanewOffset, lfanew) && file.Read(lfanew, nt)) {
+    FileWalks(file, lfanew, nt);
+    // Walking the relocations of a huge, zero-filled image is sound but slow
+    // (linear in the image size, with every page touched); such inputs teach
+    // the fuzzer nothing the small ones do not.
+    if (vrk::pe::ImageBlockSize(nt) > (16u << 20)) return 0;
+  }
   // The loader may write into a memory-held file (import binding in place):
   // it gets a private copy.
   std::vector<uint8_t> bytes(data, data + size);

@@ -94,17 +94,61 @@ VRK_API void SEARCH_CRCFree(SEARCH_CRCList *hits) VRK_NOEXCEPT;
 
 /* ---- Pattern search tables ----
  *
- * The caller builds and owns its tables; the library only reads them. A
- * table is found through a 16-bit key K = b0 + 256 * b1 (the first two bytes
- * at a position): a presence bitmap of 65536 bits (bit K & 7 of byte K >> 3)
- * and a bucket index of 65536 entries. A pattern is a byte record:
- *   byte 0       L, the length of the literal head
- *   byte 1       where the program starts when the record is read under the
- *                gap key of its first byte (K = b0 + 256 * 0xDD)
- *   bytes 2..    the literal head (L bytes, compared with the data after the
- *                two key bytes), then the program: 0xDF ends (match),
- *                0xDD G N means "byte N within the next G data bytes", any
- *                other byte is a literal. */
+ * The caller builds and owns its tables; the library only reads them. The
+ * format below is the whole contract between whoever builds a table and the
+ * search.
+ *
+ * Keys. A table is found through a 16-bit key K = b0 + 256 * b1, the first
+ * two bytes at a position: a presence bitmap of 65536 bits (bit K & 7 of
+ * byte K >> 3; a clear bit means the bucket is never looked at) and a bucket
+ * index of 65536 SEARCH_BuscaTblBucket entries. Two rules read the buckets
+ * at each position p:
+ *   two-byte rule  key data[p] + 256 * data[p + 1]; each record is read from
+ *                  byte 0: the head is compared with the data after the two
+ *                  key bytes, then the program runs;
+ *   gap rule       key data[p] + 256 * 0xDD (the gap key of data[p]); each
+ *                  record's program runs from record byte 1 against the data
+ *                  after data[p]. A pattern that opens with one byte and a
+ *                  gap is filed under that byte's gap key, with the gap code
+ *                  as its byte 1.
+ * Data whose second byte is 0xDD gives a two-byte key equal to a gap key:
+ * that bucket is then read under both rules.
+ *
+ * Pattern records. A pattern pointer designates a byte record:
+ *   byte 0       L, the length of the literal head (two-byte rule only)
+ *   byte 1       where the gap rule starts the program (gap rule only)
+ *   bytes 2..    the literal head (L bytes, compared literally, so they may
+ *                hold any value), then the program.
+ * Program codes, read one after another:
+ *   0xDF         end: the pattern matches (also with no data left)
+ *   0xDD G N     gap: byte N must occur within the next G data bytes (0 to
+ *                G - 1 arbitrary bytes before it); matching goes on after
+ *                N. G = 0 never matches. N is compared literally, whatever
+ *                its value
+ *   other        literal: the next data byte must equal it.
+ * A literal 0xDD or 0xDF can therefore stand only in the key and the head;
+ * in a program "0xDD 1 N" says "the next byte is N" for any N. Every program
+ * must reach 0xDF inside its record, under each rule that can read it. */
+
+/* Keys and buckets. */
+#define SEARCH_BUSCATBL_KEYS 65536u        /* bucket index entries, one per key */
+#define SEARCH_BUSCATBL_BITMAP_BYTES 8192u /* presence bitmap, one bit per key */
+#define SEARCH_BUSCATBL_KEY(b0, b1) ((b0) | (b1) << 8)
+#define SEARCH_BUSCATBL_GAP_KEY(b0) SEARCH_BUSCATBL_KEY(b0, SEARCH_BUSCATBL_CODE_GAP)
+#define SEARCH_BUSCATBL_MAX_PATTERNS 65535u /* bucket positions and counts are 16-bit */
+
+/* Pattern records and programs. */
+#define SEARCH_BUSCATBL_REC_HEAD_LENGTH 0u /* record byte holding L */
+#define SEARCH_BUSCATBL_REC_GAP_START 1u   /* where the gap rule starts the program */
+#define SEARCH_BUSCATBL_REC_HEAD 2u        /* first byte of the head */
+#define SEARCH_BUSCATBL_MAX_HEAD 255u      /* L is one byte */
+#define SEARCH_BUSCATBL_CODE_GAP 0xDDu
+#define SEARCH_BUSCATBL_CODE_END 0xDFu
+#define SEARCH_BUSCATBL_MAX_WINDOW 255u    /* G is one byte: a gap skips at most 254 bytes */
+
+/* Table numbers that registration accepts when the analysis module
+ * searches: 0 to 14. */
+#define SEARCH_BUSCATBL_TABLES 15u
 
 #pragma pack(push, 1)
 /* One table, as the caller describes it; an array of these is indexed by

@@ -19,9 +19,9 @@ constexpr uint32_t kGrowEntries = 100;
 constexpr uint32_t kFirstBlockWord = 1;
 constexpr uint32_t kFirstPrefixWord = 33;
 
-// SEARCH_CRCAddHit: room for 100 more entries whenever the list is full; a
+// Room for 100 more entries whenever the list is full; a
 // refused growth keeps the old array and drops the hit.
-void SEARCH_CRCAddHit(SEARCH_CRCList* hits, uint32_t position, uint32_t column) {
+void AddHit(SEARCH_CRCList* hits, uint32_t position, uint32_t column) {
   if (hits->count >= hits->capacity) {
     void* grown = Prealloc(hits->entries, hits->capacity * sizeof(SEARCH_CRCHit) + kGrowEntries * sizeof(SEARCH_CRCHit));
     if (grown) {
@@ -61,23 +61,23 @@ bool RangeUniform(const BlockFacts& f, uint32_t first, uint32_t end) {
   return true;
 }
 
-// SEARCH_CRCBlock over the blocks [first, end) carried on from `carried`: a
+// The checksum of the blocks [first, end) carried on from `carried`: a
 // region checksummed from 0 counts as 0 when it is one repeated byte value
 // (so that padding and fill never match as content). The register over
 // several blocks is chained from the per-block registers,
 //   crc(block, c) = crc(64 zero bytes, c) ^ crc(block, 0),
 // so no byte is read twice.
-uint32_t SEARCH_CRCBlock(const BlockFacts& f, uint32_t first, uint32_t end, uint32_t carried) {
+uint32_t BlockCrc(const BlockFacts& f, uint32_t first, uint32_t end, uint32_t carried) {
   if (carried == 0 && RangeUniform(f, first, end)) return 0;
   uint32_t crc = carried;
   for (uint32_t k = first; k < end; ++k) crc = checksum::Crc32Zeros64(crc) ^ f.crc[k];
   return crc;
 }
 
-// SEARCH_CRCPad: buffers shorter than 2048 bytes (length taken unsigned)
+// Buffers shorter than 2048 bytes (length taken unsigned)
 // are read from a zero-padded copy; longer ones in place, first 2048 bytes
 // only.
-Block<uint8_t> SEARCH_CRCPad(const uint8_t* data, int32_t length) {
+Block<uint8_t> PaddedCopy(const uint8_t* data, int32_t length) {
   const uint32_t n = static_cast<uint32_t>(length);
   if (n >= kFingerprintBytes) return Block<uint8_t>();
   Block<uint8_t> copy = Block<uint8_t>::Malloc(kFingerprintBytes);
@@ -89,15 +89,15 @@ Block<uint8_t> SEARCH_CRCPad(const uint8_t* data, int32_t length) {
 
 }  // namespace
 
-void SEARCH_CRCRegisterTable(SEARCH_CRCTblEntry* table, uint32_t column, uint32_t row, const uint32_t* crcs,
-                             uint32_t count) {
+void RegisterCrcCell(SEARCH_CRCTblEntry* table, uint32_t column, uint32_t row, const uint32_t* crcs,
+                     uint32_t count) {
   SEARCH_CRCTblEntry& cell = table[row * kColumns + column];
   cell.index = row * kColumns + column;
   cell.count = count;
   cell.crcs = crcs;
 }
 
-uint32_t SEARCH_CRC(const uint32_t* crcs, uint32_t count, uint32_t column, uint32_t key, SEARCH_CRCList* hits) {
+void LookUpCrc(const uint32_t* crcs, uint32_t count, uint32_t column, uint32_t key, SEARCH_CRCList* hits) {
   int32_t lo = 0;
   int32_t hi = static_cast<int32_t>(count - 1);
   int32_t found = -1;
@@ -113,18 +113,17 @@ uint32_t SEARCH_CRC(const uint32_t* crcs, uint32_t count, uint32_t column, uint3
       hi = mid - 1;
     }
   }
-  if (found < 0) return hits->count;
+  if (found < 0) return;
   // Equal values stand together; report all of them from the first, in
   // order, whichever one the search met.
   uint32_t i = static_cast<uint32_t>(found);
   while (i > 0 && crcs[i - 1] == key) --i;
-  for (; i < count && crcs[i] == key; ++i) SEARCH_CRCAddHit(hits, i, column);
-  return hits->count;
+  for (; i < count && crcs[i] == key; ++i) AddHit(hits, i, column);
 }
 
-void SEARCH_CRCBuildFingerprint(SEARCH_CRCFingerprint* fingerprint, const uint8_t* data, int32_t length) {
-  Block<uint8_t> copy = SEARCH_CRCPad(data, length);
-  if (!copy && static_cast<uint32_t>(length) < kFingerprintBytes) return;  // copy refused: words unchanged
+Status BuildFingerprint(SEARCH_CRCFingerprint* fingerprint, const uint8_t* data, int32_t length) {
+  Block<uint8_t> copy = PaddedCopy(data, length);
+  if (!copy && static_cast<uint32_t>(length) < kFingerprintBytes) return Status::kNoMemory;  // words unchanged
   const uint8_t* p = copy ? copy.get() : data;
 
   BlockFacts f;
@@ -137,27 +136,28 @@ void SEARCH_CRCBuildFingerprint(SEARCH_CRCFingerprint* fingerprint, const uint8_
   uint32_t* w = fingerprint->words;
   // Block 0, then the prefixes of 128, 256, ... 2048 bytes, each continued
   // from the one before over the blocks that double it.
-  w[kFirstBlockWord] = SEARCH_CRCBlock(f, 0, 1, 0);
+  w[kFirstBlockWord] = BlockCrc(f, 0, 1, 0);
   uint32_t carried = w[kFirstBlockWord];
   for (uint32_t i = 0, first = 1; first < kBlocks; ++i, first *= 2) {
-    carried = SEARCH_CRCBlock(f, first, 2 * first, carried);
+    carried = BlockCrc(f, first, 2 * first, carried);
     w[kFirstPrefixWord + i] = carried;
   }
   // Blocks 1 to 31 on their own: block 1 always, later ones only while they
   // start inside the caller's length. The others keep their old words.
   for (uint32_t k = 1; k < kBlocks; ++k) {
     if (k > 1 && !(static_cast<int32_t>(kBlockBytes * k) < length)) break;
-    w[kFirstBlockWord + k] = SEARCH_CRCBlock(f, k, k + 1, 0);
+    w[kFirstBlockWord + k] = BlockCrc(f, k, k + 1, 0);
   }
+  return Status::kOk;
 }
 
-void SEARCH_CRCMatchRow(const SEARCH_CRCTblEntry* table, uint32_t row, const SEARCH_CRCFingerprint* fingerprint,
-                        SEARCH_CRCList* hits) {
+void MatchRow(const SEARCH_CRCTblEntry* table, uint32_t row, const SEARCH_CRCFingerprint* fingerprint,
+              SEARCH_CRCList* hits) {
   const SEARCH_CRCTblEntry* cells = table + row * kColumns;
   // The cell's own index names the column reported with its hits.
   auto match = [&](uint32_t column) {
     const SEARCH_CRCTblEntry& cell = cells[column];
-    if (cell.count != 0) search::SEARCH_CRC(cell.crcs, cell.count, cell.index - row * kColumns, fingerprint->words[column], hits);
+    if (cell.count != 0) LookUpCrc(cell.crcs, cell.count, cell.index - row * kColumns, fingerprint->words[column], hits);
   };
   for (uint32_t column = kColumns - 1; column >= 1; --column) match(column);
   // Column 0 holds the caller's own key, which only confirms: it is looked
@@ -165,7 +165,7 @@ void SEARCH_CRCMatchRow(const SEARCH_CRCTblEntry* table, uint32_t row, const SEA
   if (hits->count != 0) match(0);
 }
 
-void SEARCH_CRCFree(SEARCH_CRCList* hits) {
+void FreeHitList(SEARCH_CRCList* hits) {
   if (hits && hits->entries) Pfree(hits->entries);
 }
 

@@ -11,16 +11,17 @@
 namespace vrk::search {
 namespace {
 
-constexpr uint8_t kGapCode = 0xDD;
-constexpr uint8_t kEndCode = 0xDF;
-constexpr uint32_t kGapKeyHigh = uint32_t(kGapCode) << 8;
+constexpr uint8_t kGapCode = SEARCH_BUSCATBL_CODE_GAP;
+constexpr uint8_t kEndCode = SEARCH_BUSCATBL_CODE_END;
+constexpr uint32_t kGapKeyHigh = SEARCH_BUSCATBL_GAP_KEY(0u);
+static_assert(QEL_PATTERN_SLOTS == SEARCH_BUSCATBL_TABLES, "one registry slot per table number");
 constexpr int kIndexedFrom = 256;  // positions from which the gap index pays
 
 // Library-wide and unlocked: registrations must not overlap each other or
 // searches (the callers' contract).
-constinit uint32_t SEARCH_ModuleCaps = 0;
-constinit SEARCH_BuscaTblSlot SEARCH_BuscaTblSlots[QEL_PATTERN_SLOTS] = {};
-constinit int SEARCH_PatternsLoaded = 0;
+constinit uint32_t g_module_caps = 0;
+constinit SEARCH_BuscaTblSlot g_slots[QEL_PATTERN_SLOTS] = {};
+constinit bool g_patterns_loaded = false;
 
 // The caller's record is packed: copy its fields out rather than form
 // pointers to misaligned members.
@@ -37,11 +38,11 @@ Table ReadDesc(const SEARCH_BuscaTblDesc* tables, unsigned int table) {
   return {d.patterns, static_cast<const uint8_t*>(d.index), d.bitmap, d.count};
 }
 
-void SEARCH_BuscaTblAddHit(SEARCH_BuscaTblList* out, const uint8_t* pattern) {
+void AddHit(SEARCH_BuscaTblList* out, const uint8_t* pattern) {
   if (out->count < out->capacity) out->items[out->count++] = pattern;
 }
 
-bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t remaining);
+bool RunProgram(const uint8_t* d, const uint8_t* prog, uint32_t remaining);
 
 // Goes on after a gap's byte N found at `q`, with `left` bytes after it;
 // `next` is the program after the gap. The literal after N, if any, is
@@ -49,8 +50,8 @@ bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t re
 inline bool MatchAfterCandidate(const uint8_t* q, const uint8_t* next, uint32_t left) {
   const uint8_t after = *next;
   if (after == kEndCode) return true;
-  if (after != kGapCode) return left != 0 && q[1] == after && SEARCH_BuscaTblMatchTail(q + 2, next + 1, left - 1);
-  return SEARCH_BuscaTblMatchTail(q + 1, next, left);
+  if (after != kGapCode) return left != 0 && q[1] == after && RunProgram(q + 2, next + 1, left - 1);
+  return RunProgram(q + 1, next, left);
 }
 
 // Runs the program at `prog` against the `remaining` bytes at `d`.
@@ -59,7 +60,7 @@ inline bool MatchAfterCandidate(const uint8_t* q, const uint8_t* next, uint32_t 
 // candidate leads to a match, so the order in which they are tried cannot
 // change it. That frees the search to take them nearest first (memchr here,
 // the byte window below for the gap rule).
-bool SEARCH_BuscaTblMatchTail(const uint8_t* d, const uint8_t* prog, uint32_t remaining) {
+bool RunProgram(const uint8_t* d, const uint8_t* prog, uint32_t remaining) {
   for (;;) {
     const uint8_t code = *prog;
     if (code == kEndCode) return true;
@@ -178,7 +179,7 @@ class SkipMemo {
 inline bool GapRuleMatches(const ByteWindow& w, SkipMemo& memo, uint32_t slot, const uint8_t* data, int32_t p,
                            int32_t length, const uint8_t* prog) {
   const uint32_t remaining = uint32_t(length - p - 1);
-  if (prog[0] != kGapCode) return SEARCH_BuscaTblMatchTail(data + p + 1, prog, remaining);
+  if (prog[0] != kGapCode) return RunProgram(data + p + 1, prog, remaining);
   if (memo.Skips(slot, p)) return false;
   const int32_t window = prog[1];
   const uint8_t after = prog[3];
@@ -233,8 +234,8 @@ void SearchLocally(const Table& t, const uint8_t* data, int positions, int lengt
         if (int64_t(head) > after_key) continue;
         const uint8_t* d = data + p + 2;
         if (head != 0 && (d[0] != pattern[2] || std::memcmp(d, pattern + 2, head) != 0)) continue;
-        if (SEARCH_BuscaTblMatchTail(d + head, pattern + 2 + head, uint32_t(after_key - head))) {
-          SEARCH_BuscaTblAddHit(out, pattern);
+        if (RunProgram(d + head, pattern + 2 + head, uint32_t(after_key - head))) {
+          AddHit(out, pattern);
         }
       }
     }
@@ -244,55 +245,55 @@ void SearchLocally(const Table& t, const uint8_t* data, int positions, int lengt
       for (uint32_t i = Bucket(t.index, gap_key, first); i-- > 0;) {
         const uint8_t* pattern = t.patterns[first + i];
         const bool match = kIndexed ? GapRuleMatches(*window, *memo, first + i, data, p, length, pattern + 1)
-                                    : SEARCH_BuscaTblMatchTail(data + p + 1, pattern + 1, uint32_t(length - p - 1));
-        if (match) SEARCH_BuscaTblAddHit(out, pattern);
+                                    : RunProgram(data + p + 1, pattern + 1, uint32_t(length - p - 1));
+        if (match) AddHit(out, pattern);
       }
     }
   }
 }
 
-void SEARCH_BuscaTblRegisterWithModule(const SEARCH_BuscaTblDesc* tables, unsigned int table) {
+void RegisterWithModule(const SEARCH_BuscaTblDesc* tables, unsigned int table) {
   if (!(AnalysisModuleInfo() & QEL_INFO_PATTERN_SEARCH)) return;
   const Table t = ReadDesc(tables, table);
-  SEARCH_BuscaTblSlots[table] = {table, t.count, t.index, t.patterns};
-  SEARCH_PatternsLoaded = 0;
+  g_slots[table] = {table, t.count, t.index, t.patterns};
+  g_patterns_loaded = false;
 }
 
-void SEARCH_BuscaTblViaModule(unsigned int table, const uint8_t* data, int length, int positions,
+void SearchViaModule(unsigned int table, const uint8_t* data, int length, int positions,
                               SEARCH_BuscaTblList* out) {
   if (!(AnalysisModuleInfo() & QEL_INFO_PATTERN_SEARCH)) return;
-  const AnalysisModuleEntries& module = AnalysisModule();
+  const AnalysisModuleEntries& module = AnalysisModuleEntryPoints();
   // The whole registry goes over once after each registration.
-  if (SEARCH_PatternsLoaded == 0) {
-    SEARCH_PatternsLoaded = 1;
-    module.QELLoadPatterns(SEARCH_BuscaTblSlots, QEL_PATTERN_SLOTS);
+  if (!g_patterns_loaded) {
+    g_patterns_loaded = true;
+    module.QELLoadPatterns(g_slots, QEL_PATTERN_SLOTS);
   }
   uint32_t* hits = nullptr;
   int hitcount = 0;
   // A failure result is not looked at: whatever hits came back still count.
   (void)module.QELBuscaTbl(data, length, positions, table, &hits, &hitcount);
   if (hitcount == 0) return;
-  const uint8_t* const* patterns = SEARCH_BuscaTblSlots[table].patterns;
+  const uint8_t* const* patterns = g_slots[table].patterns;
   for (int i = 0; i < hitcount; ++i) {
     // Only the low 16 bits name the pattern; the module may use the rest.
-    SEARCH_BuscaTblAddHit(out, patterns[hits[i] & 0xFFFFu]);
+    AddHit(out, patterns[hits[i] & 0xFFFFu]);
   }
   module.QELFreeBuscaTbl(hits);
 }
 
 }  // namespace
 
-void SEARCH_BuscaTblRegisterTable(const SEARCH_BuscaTblDesc* tables, unsigned int table) {
+void RegisterPatternTable(const SEARCH_BuscaTblDesc* tables, unsigned int table) {
   // Binding returns 0 after its first call, so this tries once per process
   // and keeps the first non-zero word.
-  if (SEARCH_ModuleCaps == 0) SEARCH_ModuleCaps = AnalysisModule_Bind();
-  if (SEARCH_ModuleCaps & QEL_INFO_PATTERN_SEARCH) SEARCH_BuscaTblRegisterWithModule(tables, table);
+  if (g_module_caps == 0) g_module_caps = BindAnalysisModule();
+  if (g_module_caps & QEL_INFO_PATTERN_SEARCH) RegisterWithModule(tables, table);
 }
 
-void SEARCH_BuscaTbl(unsigned int table, const SEARCH_BuscaTblDesc* tables, const uint8_t* data, int positions,
-                     int length, SEARCH_BuscaTblList* out) {
-  if (SEARCH_ModuleCaps & QEL_INFO_PATTERN_SEARCH) {
-    SEARCH_BuscaTblViaModule(table, data, length, positions, out);
+void SearchPatternTable(unsigned int table, const SEARCH_BuscaTblDesc* tables, const uint8_t* data, int positions,
+                        int length, SEARCH_BuscaTblList* out) {
+  if (g_module_caps & QEL_INFO_PATTERN_SEARCH) {
+    SearchViaModule(table, data, length, positions, out);
     return;
   }
   if (positions <= 0) return;

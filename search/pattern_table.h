@@ -10,11 +10,11 @@ namespace vrk::search {
 
 // First registration binds the analysis module; with a module that searches,
 // the table's description goes into the registry handed to it.
-void SEARCH_BuscaTblRegisterTable(const SEARCH_BuscaTblDesc* tables, unsigned int table);
+void RegisterPatternTable(const SEARCH_BuscaTblDesc* tables, unsigned int table);
 
 // Searches positions 0 .. positions - 1 of data[0 .. length) against table
 // number `table`, locally or through the module, appending hits to `out`.
-void SEARCH_BuscaTbl(unsigned int table, const SEARCH_BuscaTblDesc* tables, const uint8_t* data, int positions,
-                     int length, SEARCH_BuscaTblList* out);
+void SearchPatternTable(unsigned int table, const SEARCH_BuscaTblDesc* tables, const uint8_t* data, int positions,
+                        int length, SEARCH_BuscaTblList* out);
 
 }  // namespace vrk::search

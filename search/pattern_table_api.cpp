@@ -5,12 +5,12 @@
 extern "C" {
 
 void SEARCH_BuscaTblRegisterTable(SEARCH_BuscaTblDesc* tables, unsigned int table) noexcept {
-  vrk::search::SEARCH_BuscaTblRegisterTable(tables, table);
+  vrk::search::RegisterPatternTable(tables, table);
 }
 
 void SEARCH_BuscaTbl(unsigned int table, SEARCH_BuscaTblDesc* tables, const unsigned char* data, int positions,
                      int length, SEARCH_BuscaTblList* out) noexcept {
-  vrk::search::SEARCH_BuscaTbl(table, tables, data, positions, length, out);
+  vrk::search::SearchPatternTable(table, tables, data, positions, length, out);
 }
 
 }  // extern "C"

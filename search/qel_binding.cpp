@@ -9,29 +9,29 @@
 namespace vrk::search {
 namespace {
 
-// State of the single attempt. Written only under AnalysisModule_Lock while
+// State of the single attempt. Written only under g_module_lock while
 // the attempt runs; read without the lock afterwards, once the caller knows
 // (from the word it was given) that the attempt is over.
-constinit int AnalysisModule_Tried = 0;
-constinit void* AnalysisModule_Handle = nullptr;
+constinit bool g_module_tried = false;
+constinit void* g_module_handle = nullptr;
 constinit AnalysisModuleEntries g_entries = {};
-constinit uint32_t AnalysisModule_Info = 0;
+constinit uint32_t g_module_info = 0;
 
 // Statically initialised so that it needs no set-up call; never destroyed.
-constinit pthread_mutex_t AnalysisModule_Lock = PTHREAD_MUTEX_INITIALIZER;
+constinit pthread_mutex_t g_module_lock = PTHREAD_MUTEX_INITIALIZER;
 
 template <class Fn>
 void Resolve(const char* name, Fn& out) {
-  out = reinterpret_cast<Fn>(dlsym(AnalysisModule_Handle, name));
+  out = reinterpret_cast<Fn>(dlsym(g_module_handle, name));
 }
 
 // Stops and unloads the module. The entry points and the word stay as they
 // are: with the word left at 0 nothing calls them again.
-void AnalysisModule_Release() {
-  if (!AnalysisModule_Handle) return;
+void ReleaseAnalysisModule() {
+  if (!g_module_handle) return;
   if (g_entries.QELReleaseBoard) g_entries.QELReleaseBoard();
-  dlclose(AnalysisModule_Handle);
-  AnalysisModule_Handle = nullptr;
+  dlclose(g_module_handle);
+  g_module_handle = nullptr;
 }
 
 bool AllResolved() {
@@ -42,15 +42,15 @@ bool AllResolved() {
 
 }  // namespace
 
-uint32_t AnalysisModule_Bind() {
-  pthread_mutex_lock(&AnalysisModule_Lock);
+uint32_t BindAnalysisModule() {
+  pthread_mutex_lock(&g_module_lock);
   uint32_t result = 0;
-  if (!AnalysisModule_Tried && !AnalysisModule_Handle) {
-    AnalysisModule_Tried = 1;
+  if (!g_module_tried && !g_module_handle) {
+    g_module_tried = true;
     // The bare name: the dynamic loader's ordinary search decides where the
     // module comes from.
-    AnalysisModule_Handle = dlopen("qel.dll", RTLD_NOW);
-    if (AnalysisModule_Handle) {
+    g_module_handle = dlopen("qel.dll", RTLD_NOW);
+    if (g_module_handle) {
       Resolve("QELInitBoard", g_entries.QELInitBoard);
       // A module that fails to start is not asked for anything else, so it
       // is not stopped either: QELReleaseBoard stays unresolved.
@@ -67,19 +67,19 @@ uint32_t AnalysisModule_Bind() {
       if (AllResolved()) {
         // The module writes the word; if it writes nothing it stays 0 and
         // the module is never used.
-        g_entries.QELGetInfoString(1, &AnalysisModule_Info, 4);
-        result = AnalysisModule_Info;
+        g_entries.QELGetInfoString(1, &g_module_info, 4);
+        result = g_module_info;
       } else {
-        AnalysisModule_Release();
+        ReleaseAnalysisModule();
       }
     }
   }
-  pthread_mutex_unlock(&AnalysisModule_Lock);
+  pthread_mutex_unlock(&g_module_lock);
   return result;
 }
 
-const AnalysisModuleEntries& AnalysisModule() { return g_entries; }
+const AnalysisModuleEntries& AnalysisModuleEntryPoints() { return g_entries; }
 
-uint32_t AnalysisModuleInfo() { return AnalysisModule_Info; }
+uint32_t AnalysisModuleInfo() { return g_module_info; }
 
 }  // namespace vrk::search

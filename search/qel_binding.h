@@ -26,11 +26,11 @@ struct AnalysisModuleEntries {
 // Makes the process's one binding attempt. Returns the module's information
 // word when this call bound it, 0 otherwise (also on every call after the
 // first, whatever the first one did).
-uint32_t AnalysisModule_Bind();
+uint32_t BindAnalysisModule();
 
 // The entry points, valid to call only when the information word returned
 // by the binding says so.
-const AnalysisModuleEntries& AnalysisModule();
+const AnalysisModuleEntries& AnalysisModuleEntryPoints();
 
 // The information word (0 until a binding succeeds).
 uint32_t AnalysisModuleInfo();

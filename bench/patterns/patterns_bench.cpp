@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "tests/search/pattern_reference.h"
-#include "tools/patterns/pattern_builder.h"
+#include "search/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace {
@@ -104,9 +104,11 @@ bool Distinctive(const uint8_t* p, size_t n) {
 // Patterns taken from the data at random offsets, so that they hit: most
 // with a two-byte key (a third of them with a gap inside), a fifth as one
 // byte and a gap, filed under that byte's gap key.
-std::vector<vrk::patterns::PatternSource> SamplePatterns(const Bytes& data, int count) {
+namespace builder = vrk::search::builder;
+
+std::vector<builder::Pattern> SamplePatterns(const Bytes& data, int count) {
   std::mt19937 rng(3 + count);
-  std::vector<vrk::patterns::PatternSource> out;
+  std::vector<builder::Pattern> out;
   while (int(out.size()) < count) {
     const size_t at = rng() % (data.size() - 64);
     if (!Distinctive(&data[at + 1], 12)) continue;
@@ -131,19 +133,18 @@ std::vector<vrk::patterns::PatternSource> SamplePatterns(const Bytes& data, int 
         text += " " + HexByte(data[i++]);
       }
     }
-    std::vector<vrk::patterns::Element> e;
-    uint16_t key;
-    Bytes record;
-    std::string error;
-    if (!vrk::patterns::ParsePattern(text, e, error) || !vrk::patterns::EncodePattern(e, key, record, error)) continue;
-    out.push_back({"p" + std::to_string(out.size()), text});
+    builder::Pattern e;
+    builder::Filed filed;
+    std::string reason;
+    if (!builder::ParsePattern(text, e, reason) || !builder::EncodePattern(e, filed, reason)) continue;
+    out.push_back(std::move(e));
   }
   return out;
 }
 
 struct Setup {
   Bytes data;
-  vrk::patterns::Table table;
+  builder::Table table;
   std::vector<const unsigned char*> items = std::vector<const unsigned char*>(kCapacity);
 };
 
@@ -153,9 +154,9 @@ Setup& GetSetup(bool executable, int patterns) {
   Setup& s = it->second;
   if (fresh) {
     s.data = executable ? ExecutableData() : RandomData();
-    std::string error;
-    if (!vrk::patterns::BuildTable(SamplePatterns(s.data, patterns), s.table, error)) {
-      std::fprintf(stderr, "%s\n", error.c_str());
+    builder::Refusal refusal;
+    if (!builder::BuildTable(SamplePatterns(s.data, patterns), s.table, refusal)) {
+      std::fprintf(stderr, "%s\n", refusal.reason.c_str());
       std::abort();
     }
     // Identical hits in identical order, or the comparison means nothing.

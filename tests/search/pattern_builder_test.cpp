@@ -6,11 +6,12 @@
 #include <utility>
 #include <vector>
 
-#include "patterns/pattern_builder.h"
+#include "patterns/pattern_list.h"
+#include "search/pattern_builder.h"
 
 namespace {
 
-using namespace vrk::patterns;
+using namespace vrk::search::builder;
 using Bytes = std::vector<uint8_t>;
 
 // Key 41 42 and 300 literals: more than a head can hold.
@@ -26,7 +27,7 @@ TEST(PatternBuilder, Syntax) {
       {"41{0-0}42", "41 {0-0} 42"},      {"41 {0-254} 42", "41 {0-254} 42"},
       {"41 42 {0-7} 43 {0-1} 44", "41 42 {0-7} 43 {0-1} 44"}};
   for (const auto& [text, formatted] : kAccepted) {
-    std::vector<Element> e;
+    Pattern e;
     std::string error;
     EXPECT_TRUE(ParsePattern(text, e, error)) << text << ": " << error;
     EXPECT_EQ(FormatPattern(e), formatted);
@@ -35,7 +36,7 @@ TEST(PatternBuilder, Syntax) {
   // no minimum gap length.
   for (const char* text : {"41 {0-255} 42", "41 {1-3} 42", "41 {0-3}", "{0-3} 41 42", "41 {0-3} {0-2} 42", "41 ?? 42",
                            "41 4", "41", "", "41 {0-3 42", "41 {0-x} 42", "41 {0-99999999999} 42"}) {
-    std::vector<Element> e;
+    Pattern e;
     std::string error;
     EXPECT_FALSE(ParsePattern(text, e, error)) << text;
     EXPECT_FALSE(error.empty()) << text;
@@ -65,17 +66,16 @@ TEST(PatternBuilder, Records) {
       {kLongHead, 0x4241, spilled},  // a head longer than 255 goes on in the program
   };
   for (const auto& c : kCases) {
-    std::vector<Element> e;
-    uint16_t key = 0;
-    Bytes record;
+    Pattern e;
+    Filed filed;
     std::string error;
-    ASSERT_TRUE(ParsePattern(c.text, e, error) && EncodePattern(e, key, record, error)) << c.text << ": " << error;
-    EXPECT_EQ(key, c.key) << c.text;
-    EXPECT_EQ(record, c.record) << c.text;
+    ASSERT_TRUE(ParsePattern(c.text, e, error) && EncodePattern(e, filed, error)) << c.text << ": " << error;
+    EXPECT_EQ(filed.key, c.key) << c.text;
+    EXPECT_EQ(filed.record, c.record) << c.text;
   }
 }
 
-TEST(PatternBuilder, RefusalsNameThePattern) {
+TEST(PatternBuilder, RefusalsNameThePatternByPosition) {
   const struct {
     std::string text;
     const char* reason;  // part of the message
@@ -90,27 +90,27 @@ TEST(PatternBuilder, RefusalsNameThePattern) {
   };
   for (const auto& c : kCases) {
     Table table;
-    std::string error;
-    EXPECT_FALSE(BuildTable({{"fine", "41 42"}, {"the-bad-one", c.text}}, table, error)) << c.text;
-    EXPECT_NE(error.find("\"the-bad-one\""), std::string::npos) << error;
-    EXPECT_NE(error.find(c.reason), std::string::npos) << error;
+    Refusal refusal;
+    const std::vector<std::string> texts = {"41 42", c.text, "42 43"};
+    EXPECT_FALSE(BuildTable(texts, table, refusal)) << c.text;
+    EXPECT_EQ(refusal.pattern, 1u) << c.text;
+    EXPECT_NE(refusal.reason.find(c.reason), std::string::npos) << refusal.reason;
     EXPECT_EQ(table.size(), 0u);
   }
 }
 
 TEST(PatternBuilder, PatternLists) {
-  std::vector<PatternSource> out;
+  std::vector<vrk::patterns::PatternSource> out;
   std::string error;
-  ASSERT_TRUE(ParsePatternList("# header\n\nmz: 4D 5A # trailing\n  41 {0-1} 42\r\nname with spaces : 43 44\n", out,
+  ASSERT_TRUE(vrk::patterns::ParsePatternList("# header\n\nmz: 4D 5A # trailing\n  41 {0-1} 42\r\nname with spaces : 43 44\n", out,
                                error));
   ASSERT_EQ(out.size(), 3u);
   EXPECT_EQ(out[0].name, "mz");
   EXPECT_EQ(out[1].name, "line 4");
   EXPECT_EQ(out[2].name, "name with spaces");
-  Table table;
-  EXPECT_TRUE(BuildTable(out, table, error)) << error;
-  EXPECT_FALSE(ParsePatternList(": 41 42\n", out, error));
-  EXPECT_FALSE(ReadPatternFile("/nonexistent/patterns.txt", out, error));
+  EXPECT_EQ(out[1].text, "41 {0-1} 42");
+  EXPECT_FALSE(vrk::patterns::ParsePatternList(": 41 42\n", out, error));
+  EXPECT_FALSE(vrk::patterns::ReadPatternFile("/nonexistent/patterns.txt", out, error));
 }
 
 }  // namespace

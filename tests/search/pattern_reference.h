@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "tools/patterns/pattern_builder.h"
+#include "search/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace vrk::test {
@@ -82,7 +82,7 @@ inline Hits LibraryHits(SEARCH_BuscaTblDesc* tables, unsigned table, const uint8
 }
 
 // Whether the readable pattern `e` matches the bytes data[p .. length).
-inline bool PatternMatches(const std::vector<patterns::Element>& e, size_t k, const uint8_t* data, int64_t p,
+inline bool PatternMatches(const search::builder::Pattern& e, size_t k, const uint8_t* data, int64_t p,
                            int64_t length) {
   if (k == e.size()) return true;
   if (!e[k].gap) return p < length && data[p] == e[k].byte && PatternMatches(e, k + 1, data, p + 1, length);

@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "search/named_table.h"
 #include "search/pattern_reference.h"
 #include "vrk_search.h"
 #include "vrk_standin_ctl.h"
 
 namespace {
 
-using vrk::patterns::PatternSource;
-using vrk::patterns::Table;
+namespace builder = vrk::search::builder;
 using Bytes = std::vector<uint8_t>;
 using vrk::test::Hits;
 using vrk::test::LibraryHits;
@@ -46,18 +46,8 @@ Hits Search(SEARCH_BuscaTblDesc* tables, unsigned table, const Bytes& data, int 
   return LibraryHits(tables, table, data.data(), positions < 0 ? int(data.size()) - 1 : positions, int(data.size()));
 }
 
-Table Build(const std::vector<PatternSource>& patterns) {
-  Table table;
-  std::string error;
-  EXPECT_TRUE(vrk::patterns::BuildTable(patterns, table, error)) << error;
-  return table;
-}
-
-std::vector<std::string> Names(const Table& t, const Hits& hits) {
-  std::vector<std::string> names;
-  for (const unsigned char* h : hits) names.push_back(t.NumberOf(h) >= 0 ? t.Name(t.NumberOf(h)) : "?");
-  return names;
-}
+using vrk::test::BuildNamed;
+using Names = std::vector<std::string>;
 
 TEST(PatternSearch, ProgramRules) {
   const struct {
@@ -99,10 +89,11 @@ TEST(PatternSearch, NeverReadsPastTheData) {
       static_cast<uint8_t*>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   ASSERT_NE(map, MAP_FAILED);
   ASSERT_EQ(mprotect(map + page, page, PROT_NONE), 0);
-  Table table = Build({{"long head", "41 42 43 44 45 46 47 48"},
-                       {"long program", "41 42 {0-3} 43 44 45 46 47"},
-                       {"gap key", "41 {0-200} 43 44 45"},
-                       {"wide gap", "42 {0-254} 99"}});
+  builder::Table table = BuildNamed({{"long head", "41 42 43 44 45 46 47 48"},
+                                     {"long program", "41 42 {0-3} 43 44 45 46 47"},
+                                     {"gap key", "41 {0-200} 43 44 45"},
+                                     {"wide gap", "42 {0-254} 99"}})
+                              .table;
   for (int size = 2; size <= 8; ++size) {
     uint8_t* data = static_cast<uint8_t*>(std::memcpy(map + page - size, "ABCDEFGH", size_t(size)));
     const Hits hits = LibraryHits(table.mutable_desc(), 0, data, size - 1, size);
@@ -140,25 +131,25 @@ TEST(PatternSearch, BitmapAndGapKeys) {
 // Ascending position; at one position the two-byte rule first, then the
 // gap rule, each in input order (the builder stores buckets reversed).
 TEST(PatternSearch, HitOrder) {
-  Table t = Build({{"AB", "41 42"}, {"A~C", "41 {0-2} 43"}, {"ABC", "41 42 43"}, {"A~B", "41 {0-0} 42"},
-                   {"BC", "42 43"}, {"A~C again", "41 {0-5} 43"}});
-  EXPECT_EQ(Names(t, Search(t.mutable_desc(), 0, {0x41, 0x42, 0x43, 0x41, 0x43, 0})),
-            (std::vector<std::string>{"AB", "ABC", "A~C", "A~B", "A~C again", "BC", "A~C", "A~C again"}));
+  auto t = BuildNamed({{"AB", "41 42"}, {"A~C", "41 {0-2} 43"}, {"ABC", "41 42 43"}, {"A~B", "41 {0-0} 42"},
+                       {"BC", "42 43"}, {"A~C again", "41 {0-5} 43"}});
+  EXPECT_EQ(t.NamesOf(Search(t.table.mutable_desc(), 0, {0x41, 0x42, 0x43, 0x41, 0x43, 0})),
+            (Names{"AB", "ABC", "A~C", "A~B", "A~C again", "BC", "A~C", "A~C again"}));
 }
 
 TEST(PatternSearch, SeveralTablesPositionsAndAFullList) {
-  Table a = Build({{"a", "41 42"}});
-  Table b = Build({{"b", "42 43"}});
-  SEARCH_BuscaTblDesc tables[2] = {a.desc(), b.desc()};
+  auto a = BuildNamed({{"a", "41 42"}});
+  auto b = BuildNamed({{"b", "42 43"}});
+  SEARCH_BuscaTblDesc tables[2] = {a.table.desc(), b.table.desc()};
   const Bytes data = {0x41, 0x42, 0x43, 0x41, 0x42, 0x43};
-  EXPECT_EQ(Names(a, Search(tables, 0, data)), (std::vector<std::string>{"a", "a"}));
-  EXPECT_EQ(Names(b, Search(tables, 1, data)), (std::vector<std::string>{"b", "b"}));
+  EXPECT_EQ(a.NamesOf(Search(tables, 0, data)), (Names{"a", "a"}));
+  EXPECT_EQ(b.NamesOf(Search(tables, 1, data)), (Names{"b", "b"}));
   // Positions bound the start, not the data the program may read.
   EXPECT_EQ(Search(tables, 1, data, 1).size(), 0u);
   EXPECT_EQ(Search(tables, 1, data, 2).size(), 1u);
   // A full list drops later hits (a list of exactly one item: the
   // sanitized build sees any write past it); hits accumulate across searches.
-  const unsigned char* a0 = a.Record(0).data();
+  const unsigned char* a0 = a.table.Record(0).data();
   EXPECT_EQ(LibraryHits(tables, 0, data.data(), 5, 6, 1), Hits{a0});
   const unsigned char* items[3] = {};
   SEARCH_BuscaTblList out{1, 0, items};
@@ -174,7 +165,7 @@ TEST(PatternSearch, RegistrationWithoutModuleIsWithoutEffect) {
   void* module = dlopen("qel.dll", RTLD_NOW);
   EXPECT_EQ(module, nullptr) << "a qel.dll is reachable from the default test process";
   if (module) dlclose(module);
-  Table t = Build({{"AB", "41 42"}});
+  builder::Table t = BuildNamed({{"AB", "41 42"}}).table;
   SEARCH_BuscaTblRegisterTable(t.mutable_desc(), 0);
   SEARCH_BuscaTblRegisterTable(t.mutable_desc(), 0);
   EXPECT_EQ(Search(t.mutable_desc(), 0, {0x41, 0x42, 0}).size(), 1u);
@@ -183,28 +174,25 @@ TEST(PatternSearch, RegistrationWithoutModuleIsWithoutEffect) {
 // Patterns over a small alphabet (so that they hit) or, `wide`, any byte
 // value (so that a gap's byte is often absent nearby); with gaps, some
 // filed under gap keys, some with DD and DF in their keys and heads.
-std::vector<PatternSource> RandomPatterns(std::mt19937& rng, int count, bool wide,
-                                          std::vector<std::vector<vrk::patterns::Element>>& elements) {
+std::vector<builder::Pattern> RandomPatterns(std::mt19937& rng, int count, bool wide) {
   static const uint8_t kAlphabet[] = {0x00, 0x41, 0x42, 0x43, 0x8B, DD, DF, 0xFF};
-  std::vector<PatternSource> sources;
-  while (int(sources.size()) < count) {
-    std::vector<vrk::patterns::Element> e;
+  std::vector<builder::Pattern> patterns;
+  while (int(patterns.size()) < count) {
+    builder::Pattern e;
     for (int i = 0, length = 2 + int(rng() % 6); i < length; ++i) {
       if (i > 0 && rng() % 4 == 0) e.push_back({true, 0, uint8_t(rng() % 4 == 0 ? rng() % 255 : rng() % 5)});
       e.push_back({false, wide ? uint8_t(rng()) : kAlphabet[rng() % std::size(kAlphabet)], 0});
     }
-    uint16_t key;
-    Bytes record;
-    std::string error;
-    if (!vrk::patterns::EncodePattern(e, key, record, error)) continue;  // not expressible in the layout
-    sources.push_back({"p" + std::to_string(sources.size()), vrk::patterns::FormatPattern(e)});
-    elements.push_back(e);
+    builder::Filed filed;
+    std::string reason;
+    if (!builder::EncodePattern(e, filed, reason)) continue;  // not expressible in the layout
+    patterns.push_back(e);
   }
-  return sources;
+  return patterns;
 }
 
 // Random data with planted instances of the patterns, gaps left random.
-Bytes RandomData(std::mt19937& rng, const std::vector<std::vector<vrk::patterns::Element>>& elements, size_t size,
+Bytes RandomData(std::mt19937& rng, const std::vector<builder::Pattern>& elements, size_t size,
                  bool wide) {
   static const uint8_t kAlphabet[] = {0x00, 0x41, 0x42, 0x43, 0x8B, DD, DF, 0xFF, 0x10, 0x20};
   Bytes data(size);
@@ -221,7 +209,7 @@ Bytes RandomData(std::mt19937& rng, const std::vector<std::vector<vrk::patterns:
 
 // The builder's index and bitmap describe exactly its buckets, and each
 // pattern's key and slot say where it is filed.
-void ExpectIndexDescribesBuckets(const Table& table) {
+void ExpectIndexDescribesBuckets(const builder::Table& table) {
   const SEARCH_BuscaTblDesc& d = table.desc();
   const auto* index = static_cast<const SEARCH_BuscaTblBucket*>(d.index);
   uint32_t total = 0;
@@ -231,7 +219,7 @@ void ExpectIndexDescribesBuckets(const Table& table) {
   }
   ASSERT_EQ(total, table.size());
   ASSERT_EQ(d.count, table.size());
-  for (int n = 0; n < int(table.size()); ++n) {
+  for (size_t n = 0; n < table.size(); ++n) {
     const SEARCH_BuscaTblBucket& bucket = index[table.Key(n)];
     ASSERT_LT(uint16_t(table.Slot(n) - bucket.first), bucket.count) << n;
     ASSERT_EQ(d.patterns[table.Slot(n)], table.Record(n).data()) << n;
@@ -244,8 +232,10 @@ TEST(PatternSearch, RandomTablesAgreeWithReferenceAndMeaning) {
   for (int round = 0; round < 40; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     const bool wide = round % 2 == 1;
-    std::vector<std::vector<vrk::patterns::Element>> elements;
-    Table table = Build(RandomPatterns(rng, 100 + int(rng() % 300), wide, elements));
+    const std::vector<builder::Pattern> elements = RandomPatterns(rng, 100 + int(rng() % 300), wide);
+    builder::Table table;
+    builder::Refusal refusal;
+    ASSERT_TRUE(builder::BuildTable(elements, table, refusal)) << refusal.reason;
     // Short data too: searches of fewer than 256 positions go without the
     // gap index.
     const Bytes data = RandomData(rng, elements, round % 8 == 0 ? 3 + rng() % 250 : 1000 + rng() % 5000, wide);
@@ -263,7 +253,7 @@ TEST(PatternSearch, RandomTablesAgreeWithReferenceAndMeaning) {
       for (int rule = 0; rule < 2; ++rule) {
         for (size_t n = 0; n < elements.size(); ++n) {
           const auto& e = elements[n];
-          const Bytes& r = table.Record(int(n));
+          const auto r = table.Record(n);
           const bool match =
               rule == 1   ? e[1].gap && PatternMatches(e, 0, d, p, length)
               : !e[1].gap ? e[1].byte == d[p + 1] && PatternMatches(e, 0, d, p, length)

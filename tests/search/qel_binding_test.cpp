@@ -14,13 +14,14 @@
 #include <utility>
 #include <vector>
 
+#include "search/named_table.h"
 #include "search/pattern_reference.h"
 #include "support/child_process.h"
 #include "vrk_search.h"
 
 namespace {
 
-using vrk::patterns::Table;
+using vrk::search::builder::Table;
 using vrk::test::Hits;
 using Bytes = std::vector<uint8_t>;
 using Env = std::vector<std::pair<std::string, std::string>>;
@@ -103,11 +104,8 @@ std::string HandOver(const SEARCH_BuscaTblDesc* tables) {
   return log;
 }
 
-Table Build(const std::vector<vrk::patterns::PatternSource>& sources) {
-  Table t;
-  std::string error;
-  EXPECT_TRUE(vrk::patterns::BuildTable(sources, t, error)) << error;
-  return t;
+Table Build(const std::vector<std::pair<std::string, std::string>>& patterns) {
+  return vrk::test::BuildNamed(patterns).table;
 }
 
 // Two tables, in slots 0 and 3, with hits in the sample data.

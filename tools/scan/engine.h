@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "patterns/pattern_builder.h"
 #include "scan/database.h"
+#include "search/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace vrk::scan {
@@ -46,7 +46,7 @@ class CompiledDatabase {
 
   // Scans one file, reading it in pieces of `chunk` bytes (plus the overlap
   // that a match across a piece border needs). Safe to call from several
-  // threads at once.
+  // threads at once. Path "-" is standard input, scanned as it streams in.
   FileReport ScanFile(const std::string& path, uint32_t chunk = 1u << 20) const;
 
  private:
@@ -57,6 +57,12 @@ class CompiledDatabase {
   void Locate(const unsigned char* data, uint32_t length, uint32_t lo, uint32_t hi, uint32_t base,
               std::vector<const unsigned char*>& items, std::vector<bool>& seen, std::vector<Detection>& out) const;
   void CrcDetections(const unsigned char* head, uint32_t length, std::vector<Detection>& out) const;
+  // Scans bytes delivered by `read` (false on a read error). `size` is the
+  // length when known in advance, else -1.
+  template <class Read>
+  FileReport Scan(Read read, int64_t size, uint32_t chunk) const;
+  // Whether a file of `size` bytes (-1: not known yet) must be hashed.
+  bool WantsMd5(int64_t size) const;
 
   std::vector<std::string> names_;  // signature names, by signature number
 
@@ -67,11 +73,19 @@ class CompiledDatabase {
   std::array<std::vector<int>, SEARCH_CRC_COLUMNS> crc_signatures_;
   bool crc_cells_used_ = false;
 
-  patterns::Table pattern_table_;
+  search::builder::Table pattern_table_;
   std::vector<int> pattern_signatures_;  // pattern number -> signature number
   uint32_t longest_pattern_ = 0;
 
-  std::vector<std::pair<std::array<uint8_t, 16>, int>> md5_;  // sorted by digest
+  // MD5 signatures sorted by digest: digest, size (-1: any), signature.
+  struct Md5Signature {
+    std::array<uint8_t, 16> digest;
+    int64_t size;
+    int signature;
+    bool operator<(const Md5Signature& o) const { return digest < o.digest; }
+  };
+  std::vector<Md5Signature> md5_;
+  std::vector<int64_t> md5_sizes_;  // sorted; empty when some signature has no size
 };
 
 }  // namespace vrk::scan

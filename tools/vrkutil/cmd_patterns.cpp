@@ -6,13 +6,18 @@
 #include <vector>
 
 #include "command.h"
-#include "patterns/pattern_builder.h"
+#include "io/file_input.h"
+#include "patterns/pattern_list.h"
+#include "search/pattern_builder.h"
 #include "vrk_search.h"
 
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kCompile, kPattern };
+constexpr Option kOptions[] = {{kCompile, 0, "compile", false}, {kPattern, 'p', "pattern", true}};
 
 const Command kPatterns{
     "patterns", "[--compile] [--pattern PATTERN]... [PATTERNFILE] FILE...",
@@ -30,51 +35,28 @@ const Command kPatterns{
     "  --compile   also print each pattern's key and table record\n"
     "\n"
     "Exit status: 1 when something matched, 0 when nothing did, 2 on error.",
-    Run};
+    Run, kOptions};
 
 constexpr int kExitMatched = 1;
 constexpr int kExitNoMatch = 0;
 
-bool ReadWholeFile(const char* path, std::vector<uint8_t>& out) {
-  FILE* f = std::fopen(path, "rb");
-  if (!f) return false;
-  out.clear();
-  uint8_t buffer[65536];
-  size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) out.insert(out.end(), buffer, buffer + got);
-  const bool ok = std::ferror(f) == 0;
-  std::fclose(f);
-  return ok;
-}
+namespace builder = vrk::search::builder;
 
-void PrintCompiled(const vrk::patterns::Table& table) {
+void PrintCompiled(const builder::Table& table, const std::vector<vrk::patterns::PatternSource>& sources) {
   for (size_t n = 0; n < table.size(); ++n) {
-    const uint16_t key = table.Key(int(n));
-    std::printf("%s: key %02X %02X (%s rule), slot %u, record", table.Name(int(n)).c_str(), key & 0xFF, key >> 8,
-                (key >> 8) == 0xDD ? "gap" : "two-byte", unsigned(table.Slot(int(n))));
-    for (uint8_t b : table.Record(int(n))) std::printf(" %02X", b);
+    const uint16_t key = table.Key(n);
+    std::printf("%s: key %02X %02X (%s rule), slot %u, record", sources[n].name.c_str(), key & 0xFF, key >> 8,
+                (key >> 8) == SEARCH_BUSCATBL_CODE_GAP ? "gap" : "two-byte", unsigned(table.Slot(n)));
+    for (uint8_t b : table.Record(n)) std::printf(" %02X", b);
     std::printf("\n");
   }
 }
 
-int Run(Args args) {
-  bool compile = false;
+int Run(const Invocation& in) {
+  const bool compile = in.Has(kCompile);
   std::vector<vrk::patterns::PatternSource> sources;
-  std::vector<const char*> positional;
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view arg = args[i];
-    if (arg == "--compile") {
-      compile = true;
-    } else if (arg == "--pattern" || arg == "-p") {
-      if (i + 1 == args.size()) return UsageError(kPatterns, "--pattern needs a PATTERN");
-      sources.push_back({args[i + 1], args[i + 1]});
-      ++i;
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      return UsageError(kPatterns, "unknown option '%s'", args[i]);
-    } else {
-      positional.push_back(args[i]);
-    }
-  }
+  for (const char* pattern : in.Values(kPattern)) sources.push_back({pattern, pattern});
+  const auto positional = in.operands();
   size_t first_file = 0;
   if (sources.empty()) {
     if (positional.empty()) return UsageError(kPatterns, "expected a PATTERNFILE or --pattern");
@@ -84,10 +66,15 @@ int Run(Args args) {
   }
   if (positional.size() == first_file && !compile) return UsageError(kPatterns, "expected at least one FILE");
 
-  vrk::patterns::Table table;
-  std::string error;
-  if (!vrk::patterns::BuildTable(sources, table, error)) return Fail(kExitUsage, "%s", error.c_str());
-  if (compile) PrintCompiled(table);
+  std::vector<std::string> texts;
+  for (const auto& source : sources) texts.push_back(source.text);
+  builder::Table table;
+  builder::Refusal refusal;
+  if (!builder::BuildTable(texts, table, refusal)) {
+    if (refusal.pattern >= sources.size()) return Fail(kExitUsage, "%s", refusal.reason.c_str());
+    return Fail(kExitUsage, "pattern \"%s\": %s", sources[refusal.pattern].name.c_str(), refusal.reason.c_str());
+  }
+  if (compile) PrintCompiled(table, sources);
   // Registered as a scanner would: with an analysis module on the loader's
   // path that offers pattern search, the searches below go to it.
   SEARCH_BuscaTblRegisterTable(table.mutable_desc(), 0);
@@ -98,8 +85,9 @@ int Run(Args args) {
   std::vector<uint8_t> data;
   for (size_t f = first_file; f < positional.size(); ++f) {
     const char* path = positional[f];
-    if (!ReadWholeFile(path, data)) {
-      status = Fail(kExitUsage, "cannot read %s", path);
+    std::string read_error;
+    if (!vrktool::ReadWholeFile(path, data, read_error)) {
+      status = Fail(kExitUsage, "%s: %s", path, read_error.c_str());
       continue;
     }
     if (data.size() > 0x7FFFFFFF) {
@@ -113,7 +101,7 @@ int Run(Args args) {
       SEARCH_BuscaTbl(0, table.mutable_desc(), data.data() + p, 1, int(data.size() - p), &out);
       for (uint32_t i = 0; i < out.count; ++i) {
         const int number = table.NumberOf(items[i]);
-        std::printf("%s:%zu:%s\n", path, p, number >= 0 ? table.Name(number).c_str() : "?");
+        std::printf("%s:%zu:%s\n", path, p, number >= 0 ? sources[size_t(number)].name.c_str() : "?");
         if (status == kExitNoMatch) status = kExitMatched;
       }
     }

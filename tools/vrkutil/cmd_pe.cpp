@@ -1,20 +1,32 @@
 // vrkutil pe: what the PE header checks and RVA lookups say about files, their
-// exports and imports, and whether the loader takes them.
-#include <cstdio>
+// exports and imports, and whether the loader takes them. Files are read by
+// the library's own format rules and walkers; this file only presents.
 #include <strings.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "pe/walk.h"
 #include "vrk_pe.h"
 #include "vrk_standin_ctl.h"
 
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+using vrk::ByteView;
+using vrk::pe::LoadStatus;
+using vrk::pe::ExportWalk;
+using vrk::pe::FileView;
+using vrk::pe::ImportEntry;
+
+int Run(const Invocation& in);
+
+enum { kLoad, kRva };
+constexpr Option kOptions[] = {{kLoad, 0, "load", false}, {kRva, 0, "rva", true}};
 
 const Command kPe{
     "pe", "[--rva X] FILE... | --load DLL...", "PE header verdicts, sections, exports, imports; trial loads",
@@ -26,7 +38,7 @@ const Command kPe{
     "native callbacks refuse every module, and says which loaded and why not.\n"
     "This RUNS the entry points of DLLs that ask for it: use it on trusted files.\n"
     "Exit status 1 when a file is not PE (or, with --load, does not load).",
-    Run};
+    Run, kOptions};
 
 const char* VerdictName(uint32_t status) {
   switch (status) {
@@ -42,41 +54,27 @@ const char* PlacementName(int code) {
   return code >= 0 && code <= 4 ? kNames[code] : "?";
 }
 
-// The file as the header functions see it: NT headers and section table
-// copied out of the bytes, with every later read bounded by the file.
+// A file as the header functions see it: its bytes, its NT headers and the
+// section headers present in it. Everything past the headers is read through
+// the library's own walkers over a FileView, which bound every read.
 struct PeFile {
   std::vector<uint8_t> bytes;
+  uint32_t lfanew = 0;
   PE_IMAGE_NT_HEADERS32 nt{};
   std::vector<PE_IMAGE_SECTION_HEADER> sections;  // at least 96 entries, zero past the real ones
   uint32_t count = 0;                             // section headers present in the file
 
-  bool Has(uint32_t off, uint32_t len) const { return off <= bytes.size() && len <= bytes.size() - off; }
-  bool U32(uint32_t off, uint32_t& v) const {
-    if (!Has(off, 4)) return false;
-    std::memcpy(&v, bytes.data() + off, 4);
-    return true;
-  }
-  bool U16(uint32_t off, uint16_t& v) const {
-    if (!Has(off, 2)) return false;
-    std::memcpy(&v, bytes.data() + off, 2);
-    return true;
-  }
-  // File offset of an RVA with at least `len` bytes there, through the Ex lookup.
-  bool Map(uint32_t rva, uint32_t len, uint32_t& off) const {
+  ByteView File() const { return ByteView(bytes.data(), uint32_t(bytes.size())); }
+  FileView View() const { return FileView(File(), sections.data(), count, nt.OptionalHeader.SizeOfHeaders); }
+  // The NT headers with the section count cut to the headers present.
+  PE_IMAGE_NT_HEADERS32 Bounded() const {
     PE_IMAGE_NT_HEADERS32 bounded = nt;
     bounded.FileHeader.NumberOfSections = uint16_t(count);
-    uint32_t pos = 0;
-    const int n = PE_SeekDeRVAEx(sections.data(), &bounded, rva, &pos);
-    if (n < int(len) || !Has(pos, len)) return false;
-    off = pos;
-    return true;
+    return bounded;
   }
   std::string String(uint32_t rva) const {
-    uint32_t off = 0;
-    if (!Map(rva, 1, off)) return "?";
-    std::string s;
-    while (off < bytes.size() && bytes[off] != 0 && s.size() < 256) s += char(bytes[off++]);
-    return s;
+    const char* s = View().String(rva);
+    return s ? s : "?";
   }
 };
 
@@ -93,80 +91,77 @@ bool ReadFile(const char* path, std::vector<uint8_t>& out) {
 // Fills `pe` from the file at `path`; an error text when it is not PE.
 const char* Open(const char* path, PeFile& pe) {
   if (!ReadFile(path, pe.bytes)) return "cannot be read";
-  uint32_t lfanew = 0;
-  if (pe.bytes.size() < 64 || !PE_EsMZ(pe.bytes.data())) return "not a PE file (no MZ header)";
-  if (!pe.U32(0x3C, lfanew) || !pe.Has(lfanew, sizeof pe.nt)) return "not a PE file (NT headers outside the file)";
-  if (!PE_EsPE(pe.bytes.data() + lfanew)) return "not a PE file (no PE signature)";
-  std::memcpy(&pe.nt, pe.bytes.data() + lfanew, sizeof pe.nt);
-  const uint64_t table = uint64_t(lfanew) + 0x18 + pe.nt.FileHeader.SizeOfOptionalHeader;
+  const ByteView file = pe.File();
+  if (file.size() < vrk::pe::kDosHeaderSize || !PE_EsMZ(file.data())) return "not a PE file (no MZ header)";
+  if (!file.Read(vrk::pe::kLfanewOffset, pe.lfanew) || !file.Read(pe.lfanew, pe.nt))
+    return "not a PE file (NT headers outside the file)";
+  if (!PE_EsPE(file.data() + pe.lfanew)) return "not a PE file (no PE signature)";
   const uint32_t wanted = pe.nt.FileHeader.NumberOfSections;
-  pe.sections.assign(wanted > 96 ? wanted : 96, PE_IMAGE_SECTION_HEADER{});
-  for (uint32_t i = 0; i < wanted; ++i) {
-    const uint64_t at = table + 40ull * i;
-    if (at + 40 > pe.bytes.size()) break;
-    std::memcpy(&pe.sections[i], pe.bytes.data() + at, 40);
-    pe.count = i + 1;
-  }
+  pe.sections.assign(std::max(wanted, 96u), PE_IMAGE_SECTION_HEADER{});
+  while (pe.count < wanted && vrk::pe::ReadSectionHeader(file, pe.lfanew, pe.nt, pe.count, pe.sections[pe.count])) ++pe.count;
   return nullptr;
 }
 
 void PrintExports(const PeFile& pe) {
-  const PE_IMAGE_DATA_DIRECTORY& d = pe.nt.OptionalHeader.DataDirectory[PE_DIRECTORY_ENTRY_EXPORT];
-  uint32_t off = 0;
-  PE_IMAGE_EXPORT_DIRECTORY dir{};
-  if (d.VirtualAddress == 0 || !pe.Map(d.VirtualAddress, sizeof dir, off)) {
+  const FileView view = pe.View();
+  ExportWalk<FileView> walk;
+  if (!walk.Open(view, pe.nt)) {
     std::printf("  exports: none\n");
     return;
   }
-  std::memcpy(&dir, pe.bytes.data() + off, sizeof dir);
+  const PE_IMAGE_EXPORT_DIRECTORY& dir = walk.directory();
   std::printf("  export name: %s\n  exports (ordinal, RVA, name): %u functions, %u names\n", pe.String(dir.Name).c_str(),
               dir.NumberOfFunctions, dir.NumberOfNames);
-  const uint32_t functions = dir.NumberOfFunctions < 65536 ? dir.NumberOfFunctions : 65536;
-  std::vector<std::string> names(functions);
-  for (uint32_t j = 0; j < dir.NumberOfNames && j < 65536; ++j) {
-    uint32_t o1 = 0, o2 = 0, name_rva = 0;
-    uint16_t index = 0;
-    if (!pe.Map(dir.AddressOfNameOrdinals + 2 * j, 2, o1) || !pe.Map(dir.AddressOfNames + 4 * j, 4, o2)) break;
-    pe.U16(o1, index);
-    pe.U32(o2, name_rva);
-    if (index < functions) names[index] = pe.String(name_rva);
-  }
-  for (uint32_t i = 0; i < functions; ++i) {
-    uint32_t o = 0, rva = 0;
-    if (!pe.Map(dir.AddressOfFunctions + 4 * i, 4, o)) break;
-    pe.U32(o, rva);
-    if (rva != 0) std::printf("    %5u  0x%08X  %s\n", dir.Base + i, rva, names[i].c_str());
+  std::vector<const char*> names(walk.functions(), "");
+  walk.ForEachName([&](uint32_t index, const char* name) { names[index] = name; });
+  for (uint32_t i = 0; i < walk.functions(); ++i) {
+    const uint32_t rva = walk.FunctionRva(i);
+    if (rva != 0) std::printf("    %5u  0x%08X  %s\n", dir.Base + i, rva, names[i]);
   }
 }
 
-// The DLL names that the file imports from (bounded walk).
-std::vector<std::string> ImportedDlls(const PeFile& pe, bool print) {
-  std::vector<std::string> dlls;
-  const uint32_t start = pe.nt.OptionalHeader.DataDirectory[PE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
-  if (start == 0) return dlls;
-  for (uint32_t k = 0; k < 4096; ++k) {
-    uint32_t off = 0;
-    PE_IMAGE_IMPORT_DESCRIPTOR desc{};
-    if (!pe.Map(start + 20 * k, sizeof desc, off)) break;
-    std::memcpy(&desc, pe.bytes.data() + off, sizeof desc);
-    if (desc.FirstThunk == 0) break;
-    dlls.push_back(pe.String(desc.Name));
-    if (!print) continue;
-    std::printf("    %s:", dlls.back().c_str());
-    const uint32_t lookup = desc.OriginalFirstThunk ? desc.OriginalFirstThunk : desc.FirstThunk;
-    for (uint32_t t = 0; t < 65536; ++t) {
-      uint32_t o = 0, thunk = 0;
-      if (!pe.Map(lookup + 4 * t, 4, o) || !pe.U32(o, thunk) || thunk == 0) break;
-      if (thunk & 0x80000000) {
-        std::printf(" #%u", thunk & 0x7FFFFFFF);
-      } else {
-        std::printf(" %s", pe.String(thunk + 2).c_str());
-      }
-    }
-    std::printf("\n");
+// The imports by DLL, in the order the loader binds them.
+struct ImportPrinter {
+  int dlls = 0;
+  LoadStatus Module(const char* dll) {
+    std::printf("%s    %s:", dlls++ ? "\n" : "", dll);
+    return LoadStatus::kOk;
   }
-  return dlls;
+  LoadStatus Entry(const ImportEntry& entry) {
+    if (entry.name) {
+      std::printf(" %s", entry.name);
+    } else {
+      std::printf(" #%u", entry.ordinal);
+    }
+    return LoadStatus::kOk;
+  }
+};
+
+void PrintImports(const PeFile& pe) {
+  std::printf("  imports:\n");
+  ImportPrinter printer;
+  const LoadStatus status = vrk::pe::WalkImports(pe.View(), pe.nt, printer);
+  if (printer.dlls) std::printf("\n");
+  if (status != LoadStatus::kOk) {
+    std::printf("    (the import table runs outside the file)\n");
+  } else if (!printer.dlls) {
+    std::printf("    none\n");
+  }
 }
+
+// The first DLL that the file imports from and the process does not list.
+struct MissingDll {
+  const MODLOAD_PROCESS* process;
+  std::string name;
+  LoadStatus Module(const char* dll) {
+    for (const PELOAD_MODULE* e = process->modules; e; e = e->next) {
+      if (strcasecmp(e->fullName, dll) == 0) return LoadStatus::kOk;
+    }
+    name = dll;
+    return LoadStatus::kModuleNotFound;
+  }
+  LoadStatus Entry(const ImportEntry&) { return LoadStatus::kOk; }
+};
 
 void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
   const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
@@ -182,11 +177,9 @@ void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
                 s.PointerToRawData, s.SizeOfRawData);
   }
   PrintExports(pe);
-  std::printf("  imports:\n");
-  if (ImportedDlls(pe, true).empty()) std::printf("    none\n");
+  PrintImports(pe);
   if (have_rva) {
-    PE_IMAGE_NT_HEADERS32 bounded = pe.nt;
-    bounded.FileHeader.NumberOfSections = uint16_t(pe.count);
+    const PE_IMAGE_NT_HEADERS32 bounded = pe.Bounded();
     uint32_t index = 0, pos = 0;
     const int code = PE_SeccionDeRVAEx(pe.sections.data(), &bounded, rva, &index);
     const int readable = PE_SeekDeRVAEx(pe.sections.data(), &bounded, rva, &pos);
@@ -206,7 +199,7 @@ void* NoNative(const char*, uint32_t, uint32_t) { return nullptr; }
 void NoFree(void*) {}
 uint32_t NoProc(void*, const char*) { return 0; }
 
-int Load(Args files) {
+int Load(std::span<const char* const> files) {
   int status = kExitOk;
   MODLOAD_PROCESS* process = MODLOAD_CreateProcess(nullptr, NoNative, NoFree, NoProc);
   if (!process) return Fail(kExitFailure, "cannot create a process record");
@@ -229,20 +222,11 @@ int Load(Args files) {
       continue;
     }
     // Say which imported DLL is missing when one is.
-    std::string missing;
+    MissingDll missing{process, {}};
     PeFile pe;
-    if (!Open(path, pe)) {
-      for (const std::string& dll : ImportedDlls(pe, false)) {
-        bool found = false;
-        for (PELOAD_MODULE* e = process->modules; e && !found; e = e->next) found = strcasecmp(e->fullName, dll.c_str()) == 0;
-        if (!found) {
-          missing = dll;
-          break;
-        }
-      }
-    }
-    if (!missing.empty()) {
-      status = Fail(kExitFailure, "%s: not loaded: imports from '%s', which is not loaded", path, missing.c_str());
+    if (!Open(path, pe)) (void)vrk::pe::WalkImports(pe.View(), pe.nt, missing);
+    if (!missing.name.empty()) {
+      status = Fail(kExitFailure, "%s: not loaded: imports from '%s', which is not loaded", path, missing.name.c_str());
     } else {
       status = Fail(kExitFailure, "%s: not loaded: an import is missing from its module, or the entry point refused", path);
     }
@@ -252,27 +236,13 @@ int Load(Args files) {
   return status;
 }
 
-int Run(Args args) {
-  bool load = false, have_rva = false;
-  uint32_t rva = 0;
-  std::vector<char*> files;
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view a = args[i];
-    if (a == "--load") {
-      load = true;
-    } else if (a == "--rva") {
-      long long v = 0;
-      if (i + 1 >= args.size() || !ParseInt(args[i + 1], v) || v < 0 || v > 0xFFFFFFFFll)
-        return UsageError(kPe, "--rva needs a number from 0 to 0xFFFFFFFF");
-      have_rva = true;
-      rva = uint32_t(v);
-      ++i;
-    } else {
-      files.push_back(args[i]);
-    }
-  }
+int Run(const Invocation& in) {
+  long long rva = -1;
+  if (NumberOption(kPe, in, kRva, 0, 0xFFFFFFFFll, rva) != kExitOk) return kExitUsage;
+  const bool have_rva = rva >= 0;
+  const auto files = in.operands();
   if (files.empty()) return UsageError(kPe, "expected at least one FILE");
-  if (load) return Load(Args(files.data(), files.size()));
+  if (in.Has(kLoad)) return Load(files);
   int status = kExitOk;
   for (const char* path : files) {
     PeFile pe;
@@ -280,7 +250,7 @@ int Run(Args args) {
       status = Fail(kExitFailure, "%s: %s", path, error);
       continue;
     }
-    Describe(path, pe, have_rva, rva);
+    Describe(path, pe, have_rva, static_cast<uint32_t>(rva));
   }
   return status;
 }
