@@ -447,7 +447,7 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
   const uint32_t filter = FilterIndex(FilterFor(flags));
   const std::array<uint8_t, 128>& ascii = kAsciiFold[filter];
   const std::array<uint16_t, 2048>& keys = kFold2Key[filter];
-  const char* ascii_from = a;  // where the current run of equal ASCII began
+  const char* vector_at = a + kAsciiStreak;  // where a run of equal ASCII goes vector
   EnsureIndex();  // the set-up runs on the first call, whatever the text
   for (;;) {
     // Two ASCII characters whose foldings are single bytes compare as those
@@ -464,13 +464,15 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
         if (__builtin_expect(uint8_t(fx - 1) < kSlowPath - 1, 1)) {
           ++a;
           ++b;
-          // Whether the run is long enough to go on a vector at a time is
-          // asked only where a's address is a multiple of 16, a test that
-          // needs no register of its own.
-          if (__builtin_expect((reinterpret_cast<uintptr_t>(a) & 15) == 0, 0) && a - ascii_from >= kAsciiStreak) {
+          // A run that has gone on for kAsciiStreak characters goes on a
+          // vector at a time. The test is one comparison with a place set
+          // at the run's start, false until then, so it never costs a
+          // misprediction on the short runs most text is made of.
+          if (__builtin_expect(a == vector_at, 0)) {
             const uint32_t run = EqualAsciiAhead(a, b, flags);
             a += run;
             b += run;
+            vector_at = a + kAsciiStreak;
           }
           continue;
         }
@@ -489,7 +491,7 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
         if (ka != kb) return OrderOf(ka < kb);
         a += 2;
         b += 2;
-        ascii_from = a;
+        vector_at = a + kAsciiStreak;
         continue;
       }
     }
@@ -499,7 +501,7 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
     // The two characters may differ in length (U+004B against U+212A).
     a += LeadLengthOf(a);
     b += LeadLengthOf(b);
-    ascii_from = a;
+    vector_at = a + kAsciiStreak;
   }
 }
 
