@@ -457,29 +457,29 @@ FoldOrder CompareFolded(const char* a, const char* b, int flags) {
     // folding is neither the terminator's (0) nor kSlowPath.
     const uint8_t x = uint8_t(*a);
     const uint8_t y = uint8_t(*b);
-    if ((x | y) < 0x80) {
+    // A run that has gone on for kAsciiStreak characters goes on a vector at
+    // a time. Reaching that place is folded into the ASCII test as its high
+    // bit, so the loop takes no branch of its own for it.
+    const uint32_t streak_done = uint32_t(a == vector_at) << 7;
+    if (((x | y) | streak_done) < 0x80) {
       const uint8_t fx = ascii[x];
       const uint8_t fy = ascii[y];
       if (__builtin_expect(fx == fy, 1)) {
         if (__builtin_expect(uint8_t(fx - 1) < kSlowPath - 1, 1)) {
           ++a;
           ++b;
-          // A run that has gone on for kAsciiStreak characters goes on a
-          // vector at a time. The test is one comparison with a place set
-          // at the run's start, false until then, so it never costs a
-          // misprediction on the short runs most text is made of.
-          if (__builtin_expect(a == vector_at, 0)) {
-            const uint32_t run = EqualAsciiAhead(a, b, flags);
-            a += run;
-            b += run;
-            vector_at = a + kAsciiStreak;
-          }
           continue;
         }
         if (fx == 0) return FoldOrder::kEqual;  // both at their terminators
       } else if (fx != kSlowPath && fy != kSlowPath) {
         return OrderOf(fx < fy);
       }
+    } else if ((x | y) < 0x80) {
+      const uint32_t run = EqualAsciiAhead(a, b, flags);
+      a += run;
+      b += run;
+      vector_at = a + kAsciiStreak;
+      continue;
     }
     // Two 2-byte characters whose foldings are two bytes each compare as
     // those bytes, likewise whatever the flags.
