@@ -111,7 +111,6 @@ constexpr LoadStatus CheckImageBlock(const PE_IMAGE_NT_HEADERS32& nt, uint32_t l
 // ---- Section table ----
 
 inline constexpr uint32_t kSectionHeaderSize = sizeof(PE_IMAGE_SECTION_HEADER);
-inline constexpr uint32_t kSectionFlagsOffset = 0x24;  // Characteristics
 
 // The section table follows the optional header, whose size the file header
 // states: e_lfanew + 4 (signature) + 20 (file header) + SizeOfOptionalHeader.

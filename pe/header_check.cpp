@@ -105,8 +105,15 @@ uint32_t FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMA
     case Placement::kInSection:
     case Placement::kPastSections: {
       // Past the last section's virtual end there may still be raw bytes.
-      const uint32_t available = RawBytesAt(sections[i], rva, pos);
-      return available > kMaxReadable ? kMaxReadable : available;
+      // The raw size less the offset is taken as a signed number, as the
+      // product's callers expect: an RVA 2 GiB or more past the raw data
+      // wraps to a positive count at a position far outside the file, which
+      // a reader of the file must bound by its length (vrkutil pe does).
+      const uint32_t offset = rva - sections[i].VirtualAddress;
+      const int32_t available = static_cast<int32_t>(sections[i].SizeOfRawData - offset);
+      if (available < 1) return 0;
+      pos = offset + sections[i].PointerToRawData;
+      return available > static_cast<int32_t>(kMaxReadable) ? kMaxReadable : static_cast<uint32_t>(available);
     }
     default:
       return 0;

@@ -30,6 +30,18 @@ bool ReadSectionHeader(const Bytes& bytes, uint32_t lfanew, const PE_IMAGE_NT_HE
   return at <= UINT32_MAX && bytes.Read(uint32_t(at), out);
 }
 
+// The name of a section whose header says "/n": the string at offset n of the
+// COFF string table in `file`, or null when the name is a plain one or the
+// string does not end inside the file.
+inline const char* LongSectionName(ByteView file, const PE_IMAGE_FILE_HEADER& fh, const PE_IMAGE_SECTION_HEADER& s) {
+  uint32_t offset = 0;
+  if (!LongNameOffset(s.Name, offset)) return nullptr;
+  const uint64_t at = StringTableOffset(fh) + offset;
+  if (at >= file.size()) return nullptr;
+  const ByteView rest = file.From(uint32_t(at));
+  return std::memchr(rest.data(), 0, rest.size()) ? reinterpret_cast<const char*>(rest.data()) : nullptr;
+}
+
 // A PE file held in memory, read by RVA. An RVA maps to a file position as
 // the Ex lookup maps it: one in the headers to itself, one inside a section
 // (or past the last one) into that section's raw data. A read must lie
@@ -38,8 +50,6 @@ class FileView {
  public:
   FileView(ByteView file, const PE_IMAGE_SECTION_HEADER* sections, uint32_t count, uint32_t size_of_headers)
       : file_(file), sections_(sections), count_(count), size_of_headers_(size_of_headers) {}
-
-  ByteView file() const { return file_; }
 
   // The file position of `rva` in `position`, and how many bytes of raw data
   // follow it there, whether or not the file is that long; 0 when the RVA
