@@ -1,7 +1,8 @@
 # Installation in the GNU layout, for `cmake --install build --prefix P`:
 #
 #   component Runtime             lib/libVrkutil.so.1.4.3.9, .so.1 and .so (the
-#                                 product opens the plain name), the stand-ins
+#                                 product opens the plain name), the stand-ins,
+#                                 the Win32 layer libVrkwin32.so
 #   component Development         include/vrkutil/*.h, lib/pkgconfig/vrkutil.pc,
 #                                 lib/cmake/Vrkutil/ (find_package)
 #   component StandinDevelopment  include/vrkutil/vrk_standin_ctl.h, the test
@@ -29,13 +30,14 @@ set(VRK_DOC_DIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/vrkutil)
 # beside itself, wherever the prefix is (a program's own RUNPATH does not
 # reach the libraries of its libraries).
 set_target_properties(Vrkutil PROPERTIES INSTALL_RPATH "$ORIGIN")
-install(TARGETS Vrkutil Vrkalloc Vrkvfile
+install(TARGETS Vrkutil Vrkalloc Vrkvfile Vrkwin32
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Runtime)
 
 # Development: the public headers, and the interfaces of the two sibling
 # libraries that the headers' handles and blocks come from.
 file(GLOB vrk_public_headers ${PROJECT_SOURCE_DIR}/include/*.h)
 install(FILES ${vrk_public_headers}
+              ${PROJECT_SOURCE_DIR}/win32/include/vrk_win32.h
               ${PROJECT_SOURCE_DIR}/platform/include/vrkalloc.h
               ${PROJECT_SOURCE_DIR}/platform/include/vrkvfile.h
   DESTINATION ${VRK_INCLUDE_SUBDIR} COMPONENT Development)

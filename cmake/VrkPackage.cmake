@@ -1,7 +1,8 @@
 # Debian packages for i386, one per install component, built with CPack from
 # a build tree configured with the prefix /usr (scripts/package.sh):
 #
-#   libvrkutil1              Runtime: the library and the two stand-ins
+#   libvrkutil1              Runtime: the library, the two stand-ins and the
+#                            Win32 layer
 #   libvrkutil-dev           Development: headers, vrkutil.pc, CMake package
 #   libvrkutil-standin-dev   StandinDevelopment: the stand-ins' test controls
 #   vrkutil                  Tool: the command-line tool, its manual page, docs
@@ -29,9 +30,11 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
 
 set(vrk_exact "(= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvrkutil1)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.34)")
+# libVrkwin32.so carries the C++ library inside it, which uses symbols of
+# glibc 2.36 (arc4random), as the tool does.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.36)")
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-  "utility library of an anti-malware scanning product (i386)\nlibVrkutil.so with the stand-ins of its sibling libraries libVrkalloc.so\nand libVrkvfile.so: checksums, signature search, PE images, URIs, text\nencodings and OS helpers for 32-bit x86 scanners.")
+  "utility library of an anti-malware scanning product (i386)\nlibVrkutil.so with the stand-ins of its sibling libraries libVrkalloc.so\nand libVrkvfile.so: checksums, signature search, PE images, URIs, text\nencodings and OS helpers for 32-bit x86 scanners; libVrkwin32.so, the\nWin32 layer that runs Windows DLLs through the PE loader.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvrkutil-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

@@ -2,9 +2,12 @@
 // list of commands comes from `vrkutil --help`, so a new one is covered.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <sstream>
 
 #include "support/run_tool.h"
+#include "support/temp_dir.h"
 
 namespace vrk::test {
 namespace {
@@ -24,6 +27,11 @@ std::vector<std::string> Commands() {
 }
 
 TEST(CliConventions, EveryCommandParsesTheSameWay) {
+  // Some commands write where they are told (samples): into a scratch folder.
+  const TempDir scratch;
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  ASSERT_EQ(chdir(scratch.path().c_str()), 0);
   const std::vector<std::string> commands = Commands();
   ASSERT_GE(commands.size(), 15u);
   for (const std::string& c : commands) {
@@ -43,6 +51,7 @@ TEST(CliConventions, EveryCommandParsesTheSameWay) {
     // After "--", --help is an operand like any other.
     EXPECT_FALSE(RunTool({c, "--", "--help"}).out.starts_with("usage:"));
   }
+  EXPECT_EQ(chdir(cwd), 0);
 }
 
 // "-" is standard input wherever a file is read; options bundle and take

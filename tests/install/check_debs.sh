@@ -13,7 +13,7 @@ lib=usr/lib/i386-linux-gnu
 
 # package | dependencies that must be declared | files that must be there
 expect=(
-  "libvrkutil1|libc6 (>=|$lib/libVrkutil.so.1 $lib/libVrkutil.so $lib/libVrkalloc.so $lib/libVrkvfile.so"
+  "libvrkutil1|libc6 (>=|$lib/libVrkutil.so.1 $lib/libVrkutil.so $lib/libVrkalloc.so $lib/libVrkvfile.so $lib/libVrkwin32.so.1"
   "libvrkutil-dev|libvrkutil1 (=|usr/include/vrkutil/vrk_pe.h $lib/pkgconfig/vrkutil.pc $lib/cmake/Vrkutil/VrkutilConfig.cmake"
   "libvrkutil-standin-dev|libvrkutil-dev (=|usr/include/vrkutil/vrk_standin_ctl.h"
   "vrkutil|libvrkutil1 (=|usr/bin/vrkutil usr/share/man/man1/vrkutil.1.gz usr/share/doc/vrkutil/README.md usr/share/bash-completion/completions/vrkutil"

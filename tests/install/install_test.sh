@@ -11,8 +11,8 @@ prefix=$work/prefix
 fail() { echo "install_test: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
-for f in lib/libVrkutil.so lib/libVrkutil.so.1 lib/libVrkalloc.so lib/libVrkvfile.so bin/vrkutil \
-         include/vrkutil/vrk_pe.h include/vrkutil/vrk_standin_ctl.h lib/pkgconfig/vrkutil.pc \
+for f in lib/libVrkutil.so lib/libVrkutil.so.1 lib/libVrkalloc.so lib/libVrkvfile.so lib/libVrkwin32.so bin/vrkutil \
+         include/vrkutil/vrk_pe.h include/vrkutil/vrk_win32.h include/vrkutil/vrk_standin_ctl.h lib/pkgconfig/vrkutil.pc \
          lib/cmake/Vrkutil/VrkutilConfig.cmake share/man/man1/vrkutil.1.gz share/doc/vrkutil/README.md; do
   [ -e "$prefix/$f" ] || fail "missing $f"
 done
