@@ -44,10 +44,10 @@ void CloseLockFile() {
 void SetUpFamilies() {
   // Registration must precede the library's first allocation.
   SetModuleVersion(kModuleNumber, kModuleVersion);
-  text::charconv_InitCPIndex();
+  text::BuildCodePageIndex();
 }
 
-void TearDownFamilies() { text::charconv_FreeCPIndex(); }
+void TearDownFamilies() { text::FreeCodePageIndex(); }
 
 // The only constructor and destructor of the library; every other global is
 // constant-initialised, so nothing runs or allocates before these.
