@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "pe_test_util.h"
+#include "support/alloc_trace.h"
 #include "pe_writer.h"
 
 namespace vrk::test {
@@ -71,10 +72,10 @@ TEST_F(PeLoader, AllocatorCallsOfACopiedLoadAndEveryRefusal) {
   auto bytes = w.Bytes();
   VFile file(bytes, VRKVFILE_COPY);
   MODLOAD_PROCESS* p = NewProcess();
-  vrkalloc_log_enable(1);
+  AllocTrace trace;
   EXPECT_NE(PELOAD_LoadLibraryEx(file.get(), p, 1), nullptr);
   MODLOAD_TerminateProcess(p);
-  vrkalloc_log_enable(0);
+  trace.Stop();
   // (op, arguments); frees are compared by kind only.
   const std::array<uint32_t, 4> expected[] = {
       {VRKALLOC_PCALLOC, 1, sizeof(PELOAD_IMAGE)},
@@ -85,11 +86,12 @@ TEST_F(PeLoader, AllocatorCallsOfACopiedLoadAndEveryRefusal) {
       {VRKALLOC_PFREEX}, {VRKALLOC_PFREE}, {VRKALLOC_PFREE},  // image, export nodes
       {VRKALLOC_PFREE}, {VRKALLOC_PFREE}, {VRKALLOC_PFREE},   // image record, entry, process record
   };
-  ASSERT_EQ(vrkalloc_log_size(), std::size(expected));
+  const auto calls = trace.Calls();
+  ASSERT_EQ(calls.size(), std::size(expected));
   for (uint32_t i = 0; i < std::size(expected); ++i) {
-    const VrkAllocCall* c = vrkalloc_log_at(i);
-    const bool free = c->op == VRKALLOC_PFREE || c->op == VRKALLOC_PFREEX;
-    EXPECT_EQ((std::array<uint32_t, 4>{uint32_t(c->op), free ? 0 : c->a, free ? 0 : c->b, free ? 0 : c->c}), expected[i]) << i;
+    const VrkAllocCall& c = calls[i];
+    const bool free = c.op == VRKALLOC_PFREE || c.op == VRKALLOC_PFREEX;
+    EXPECT_EQ((std::array<uint32_t, 4>{uint32_t(c.op), free ? 0 : c.a, free ? 0 : c.b, free ? 0 : c.c}), expected[i]) << i;
   }
   // Refusing the record, block, slot table or entry fails the load; a
   // refused export node only loses that export. Nothing is left either way.
@@ -120,12 +122,11 @@ TEST_F(PeLoader, TruncatedFilesAndFailedReads) {
     // Reads that fail from there on, and a failing seek: nothing allocated.
     VFile failing(whole, VRKVFILE_COPY);
     vrkvfile_fail_reads_from(failing.get(), size);
-    vrkalloc_log_enable(1);
+    AllocTrace trace;
     EXPECT_EQ(PELOAD_GetDllNameH(failing.get(), name, sizeof name), readable);
     vrkvfile_fail_seek(failing.get(), 1);
     EXPECT_EQ(PELOAD_GetDllNameH(failing.get(), name, sizeof name), 0);
-    EXPECT_TRUE(readable || vrkalloc_log_size() == 0);
-    vrkalloc_log_enable(0);
+    EXPECT_TRUE(readable || trace.Calls().empty());
   }
 }
 

@@ -22,18 +22,22 @@ class AllocTrace {
   // Ends the log; the calls stay readable.
   void Stop() { vrkalloc_log_enable(0); }
 
-  std::vector<VrkAllocCall> Calls() const {
+  std::vector<VrkAllocCall> Calls() const { return Logged(); }
+  std::string Text() const { return Text(Logged()); }
+
+  // What the stand-in has logged so far.
+  static std::vector<VrkAllocCall> Logged() {
     std::vector<VrkAllocCall> calls;
     for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) calls.push_back(*vrkalloc_log_at(i));
     return calls;
   }
 
-  // The calls as text: a refused request ends in '!', a free of a null block
+  // Calls as text: a refused request ends in '!', a free of a null block
   // reads "Pfree(null)", frees do not show their block.
-  std::string Text() const {
+  static std::string Text(const std::vector<VrkAllocCall>& calls) {
     std::string out;
     char item[64];
-    for (const VrkAllocCall& c : Calls()) {
+    for (const VrkAllocCall& c : calls) {
       const char* refused = c.refused ? "!" : "";
       const char* null_free = c.block ? "" : "(null)";
       switch (c.op) {
