@@ -1,7 +1,8 @@
-// Fuzz target of the PE family. The input is taken three ways: as NT headers
-// and a section table for the header checks and RVA lookups; as a virtual
-// file (copying and memory-held) for the DLL-name reader; and as the first
-// module of a process record whose native callbacks refuse every import.
+// Fuzz target of the PE family. The input is taken three ways: as a file
+// read as vrkutil pe reads it (header checks, RVA lookups, the export and
+// import walks over a FileView); as a virtual file (copying and memory-held)
+// for the DLL-name reader; and as the first module of a process record whose
+// native callbacks refuse every import.
 //
 // No byte of the input is ever run. A load calls the entry point only after
 // the export slot table has been allocated, so the allocator stand-in is told
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "pe/walk.h"
 #include "vrk_pe.h"
 #include "vrk_standin_ctl.h"
 
@@ -22,33 +24,6 @@ namespace {
 void* RefuseLoad(const char*, uint32_t, uint32_t) { return nullptr; }
 void NoFree(void*) {}
 uint32_t NoProc(void*, const char*) { return 0; }
-
-void HeaderChecks(const uint8_t* data, size_t size) {
-  if (size < sizeof(PE_IMAGE_NT_HEADERS32)) return;
-  PE_IMAGE_NT_HEADERS32 nt;
-  std::memcpy(&nt, data, sizeof nt);
-  // The verifier reads at most 96 section headers (it refuses more before
-  // walking them); the lookups read as many as they are told, so they get
-  // the count that the input really holds.
-  std::vector<PE_IMAGE_SECTION_HEADER> sections(96);
-  const size_t available = (size - sizeof nt) / sizeof(PE_IMAGE_SECTION_HEADER);
-  std::memcpy(sections.data(), data + sizeof nt, std::min<size_t>(available, 96) * sizeof(PE_IMAGE_SECTION_HEADER));
-  (void)PE_VerifyImageHeader(&nt, sections.data());
-  const uint16_t count = uint16_t(std::min<size_t>({available, 96, nt.FileHeader.NumberOfSections}));
-  PE_IMAGE_NT_HEADERS32 bounded = nt;
-  bounded.FileHeader.NumberOfSections = count;
-  uint32_t rvas[4] = {0, nt.OptionalHeader.AddressOfEntryPoint, nt.OptionalHeader.SizeOfHeaders, 0xFFFFFFFF};
-  std::memcpy(&rvas[0], data + size - 4, 4);
-  for (uint32_t rva : rvas) {
-    uint32_t index = 0, pos = 0;
-    (void)PE_SeccionDeRVA(sections.data(), count, rva);
-    (void)PE_SeekDeRVA(sections.data(), count, rva);
-    (void)PE_SeccionDeRVAEx(sections.data(), &bounded, rva, &index);
-    (void)PE_SeekDeRVAEx(sections.data(), &bounded, rva, &pos);
-  }
-  (void)PE_EsMZ(data);
-  (void)PE_EsPE(data);
-}
 
 void Reader(std::vector<uint8_t>& bytes, int mode) {
   VFileHandle file = vrkvfile_open_memory(bytes.data(), uint32_t(bytes.size()), mode);
@@ -69,26 +44,56 @@ void Reader(std::vector<uint8_t>& bytes, int mode) {
   vrkvfile_close(file);
 }
 
-// The image block the reader would allocate, as it computes it from the
-// same header bytes; 0 when the reader would not get that far.
-uint64_t ImageBlockSize(const uint8_t* data, size_t size) {
-  uint32_t lfanew = 0;
-  PE_IMAGE_NT_HEADERS32 nt;
-  if (size < 64) return 0;
-  std::memcpy(&lfanew, data + 0x3C, 4);
-  if (lfanew > size || sizeof nt > size - lfanew) return 0;
-  std::memcpy(&nt, data + lfanew, sizeof nt);
-  return uint64_t(nt.OptionalHeader.SizeOfImage) + nt.OptionalHeader.SectionAlignment;
+// The file as vrkutil pe reads it: its NT headers and the section headers
+// present through the header checks and RVA lookups, the long section names,
+// its exports and imports through the walks over a FileView.
+struct Ignore {
+  vrk::pe::LoadStatus Module(const char*) { return vrk::pe::LoadStatus::kOk; }
+  vrk::pe::LoadStatus Entry(const vrk::pe::ImportEntry&) { return vrk::pe::LoadStatus::kOk; }
+};
+
+void FileChecks(vrk::ByteView file, uint32_t lfanew, const PE_IMAGE_NT_HEADERS32& nt) {
+  // At least 96 headers for the verifier; the lookups get those present.
+  std::vector<PE_IMAGE_SECTION_HEADER> sections(std::max<size_t>(96, nt.FileHeader.NumberOfSections));
+  uint32_t count = 0;
+  while (count < nt.FileHeader.NumberOfSections && vrk::pe::ReadSectionHeader(file, lfanew, nt, count, sections[count])) ++count;
+  (void)PE_VerifyImageHeader(&nt, sections.data());
+  PE_IMAGE_NT_HEADERS32 bounded = nt;
+  bounded.FileHeader.NumberOfSections = uint16_t(count);
+  uint32_t rvas[4] = {0, nt.OptionalHeader.AddressOfEntryPoint, nt.OptionalHeader.SizeOfHeaders, 0xFFFFFFFF};
+  (void)file.Read(file.size() - 4, rvas[0]);
+  for (uint32_t rva : rvas) {
+    uint32_t index = 0, pos = 0;
+    (void)PE_SeccionDeRVA(sections.data(), int(count), rva);
+    (void)PE_SeekDeRVA(sections.data(), int(count), rva);
+    (void)PE_SeccionDeRVAEx(sections.data(), &bounded, rva, &index);
+    (void)PE_SeekDeRVAEx(sections.data(), &bounded, rva, &pos);
+  }
+  volatile uint32_t sink = 0;  // keeps what the reads give alive
+  for (uint32_t i = 0; i < count; ++i) sink = sink + (vrk::pe::LongSectionName(file, nt.FileHeader, sections[i]) != nullptr);
+  const vrk::pe::FileView view(file, sections.data(), count, nt.OptionalHeader.SizeOfHeaders);
+  vrk::pe::ExportWalk<vrk::pe::FileView> exports;
+  if (exports.Open(view, nt)) {
+    for (uint32_t i = 0; i < exports.functions(); ++i) sink = sink + exports.FunctionRva(i);
+    exports.ForEachName([&](uint32_t index, const char* name) { sink = sink + index + uint8_t(name[0]); });
+  }
+  Ignore ignore;
+  (void)vrk::pe::WalkImports(view, nt, ignore);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  HeaderChecks(data, size);
-  // Walking the relocations of a huge, zero-filled image is sound but slow
-  // (linear in the image size, with every page touched); such inputs teach
-  // the fuzzer nothing the small ones do not.
-  if (ImageBlockSize(data, size) > (16u << 20)) return 0;
+  const vrk::ByteView file(data, uint32_t(size));
+  uint32_t lfanew = 0;
+  PE_IMAGE_NT_HEADERS32 nt;
+  if (file.Read(vrk::pe::kLfanewOffset, lfanew) && file.Read(lfanew, nt)) {
+    FileChecks(file, lfanew, nt);
+    // Walking the relocations of a huge, zero-filled image is sound but slow
+    // (linear in the image size, with every page touched); such inputs teach
+    // the fuzzer nothing the small ones do not.
+    if (vrk::pe::ImageBlockSize(nt) > (16u << 20)) return 0;
+  }
   // The loader may write into a memory-held file (import binding in place):
   // it gets a private copy.
   std::vector<uint8_t> bytes(data, data + size);

@@ -1,11 +1,15 @@
 // Fuzz target for the UTF-16/UTF-8 transcoders, the UTF-8 utilities and the
 // case folding: arbitrary bytes, read as UTF-8 and as UTF-16 units, from
-// buffers of exactly their size so that a read past the end is caught.
+// buffers of exactly their size so that a read past the end is caught; and
+// every vector version of the text kernels this processor runs against the
+// plain one, on the same bytes.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <vector>
 
+#include "text/kernels.h"
 #include "vrk_text.h"
 
 namespace {
@@ -107,6 +111,66 @@ void StringFunctions(const uint8_t* data, size_t size) {
   std::free(s);
 }
 
+// One conversion kernel over `in` with `room` output units (the output
+// starts zero-filled and is followed by canaries).
+template <class Out>
+struct Conversion {
+  vrk::text::Transcode result;
+  size_t consumed, produced;
+  std::vector<Out> out;
+};
+
+template <class In, class Out, class Kernel>
+Conversion<Out> Convert(Kernel kernel, const std::vector<In>& in, size_t room) {
+  Conversion<Out> c{};
+  c.out.assign(room + 16, Out(0));
+  for (size_t i = room; i < c.out.size(); ++i) c.out[i] = Out(0xA5);
+  const In* ip = in.data();
+  Out* op = c.out.data();
+  c.result = kernel(ip, in.data() + in.size(), op, c.out.data() + room);
+  c.consumed = size_t(ip - in.data());
+  c.produced = size_t(op - c.out.data());
+  return c;
+}
+
+// Every vector kernel gives what the plain one gives: the same result, the
+// same stopping point for a room taken from the input, the same bytes (for
+// UTF-16 output the whole buffer, which must stay zero past the result), and
+// the same ASCII runs.
+void KernelsAgree(const uint8_t* data, size_t size) {
+  using namespace vrk::text;
+  const std::vector<uint8_t> bytes(data, data + size);
+  std::vector<uint16_t> units(size / 2);
+  if (!units.empty()) std::memcpy(units.data(), data, units.size() * 2);
+  const size_t room8 = size == 0 ? 0 : data[0] * units.size() / 85 + 1;  // up to 3 bytes a unit
+  const size_t room16 = size < 2 ? 0 : data[1] * size / 127 + 1;          // up to 2 units a byte
+  const Kernels& plain = KernelsFor(Isa::kPlain);
+  const size_t half = size / 2;
+  const uint8_t stop = size != 0 && data[size - 1] & 1 ? uint8_t('I') : uint8_t(0x80);
+  std::vector<uint8_t> expected_fold(size), fold(size);
+  const uint32_t expected_run = plain.fold_ascii(data, expected_fold.data(), uint32_t(size), stop);
+  const uint32_t expected_equal = plain.equal_ascii(data, data + half, uint32_t(half), stop);
+  for (const Isa isa : kIsas) {
+    if (isa == Isa::kPlain || !IsaSupported(isa)) continue;
+    const Kernels& k = KernelsFor(isa);
+    for (const size_t room : {3 * units.size() + 1, room8}) {
+      const auto a = Convert<uint16_t, uint8_t>(plain.utf16_to_utf8, units, room);
+      const auto b = Convert<uint16_t, uint8_t>(k.utf16_to_utf8, units, room);
+      Check(a.result == b.result && a.consumed == b.consumed && a.produced == b.produced);
+      Check(std::memcmp(a.out.data(), b.out.data(), a.produced) == 0);
+      Check(std::memcmp(a.out.data() + room, b.out.data() + room, 16) == 0);
+    }
+    for (const size_t room : {size + 2, room16}) {
+      const auto a = Convert<uint8_t, uint16_t>(plain.utf8_to_utf16, bytes, room);
+      const auto b = Convert<uint8_t, uint16_t>(k.utf8_to_utf16, bytes, room);
+      Check(a.result == b.result && a.consumed == b.consumed && a.produced == b.produced && a.out == b.out);
+    }
+    fold.assign(size, 0);
+    Check(k.fold_ascii(data, fold.data(), uint32_t(size), stop) == expected_run && fold == expected_fold);
+    Check(k.equal_ascii(data, data + half, uint32_t(half), stop) == expected_equal);
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -114,5 +178,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Utf16RoundTrip(data, size);
   Utf8RoundTrip(data, size);
   StringFunctions(data, size);
+  KernelsAgree(data, size);
   return 0;
 }

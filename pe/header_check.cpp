@@ -7,28 +7,15 @@
 namespace vrk::pe {
 namespace {
 
-constexpr uint32_t kNtSignature = 0x00004550;  // "PE\0\0"
-constexpr uint16_t kMachineI386 = 0x014C;
-constexpr uint16_t kMagicPe32 = 0x010B;
-constexpr uint16_t kFileExecutable = 0x0002;
 constexpr uint32_t kMaxImageSize = 0x77000000;
 constexpr uint32_t kMaxSections = 96;
-constexpr int32_t kMaxReadable = 1024;
+constexpr uint32_t kMaxReadable = 1024;
 
 constexpr uint32_t RoundUp(uint32_t x, uint32_t a) { return (x + a - 1) & ~(a - 1); }
 
-// The extent of a section as the Ex lookups and the verifier see it: the
-// virtual size, falling back to the raw size for sections that leave it 0.
-constexpr uint32_t ExtentOrRaw(const PE_IMAGE_SECTION_HEADER& s) {
-  return s.VirtualSize != 0 ? s.VirtualSize : s.SizeOfRawData;
-}
-
 }  // namespace
 
-bool IsMz(const uint8_t* bytes) {
-  const uint16_t v = uint16_t(bytes[0] | bytes[1] << 8);
-  return v == 0x5A4D || v == 0x4D5A;
-}
+bool IsMz(const uint8_t* bytes) { return IsDosMagic(uint16_t(bytes[0] | bytes[1] << 8)); }
 
 bool IsPe(const uint8_t* bytes) {
   uint32_t v;
@@ -36,33 +23,33 @@ bool IsPe(const uint8_t* bytes) {
   return v == kNtSignature;
 }
 
-uint32_t VerifyImageHeader(const PE_IMAGE_NT_HEADERS32& nt, const PE_IMAGE_SECTION_HEADER* sections) {
+HeaderVerdict CheckImageHeader(const PE_IMAGE_NT_HEADERS32& nt, const PE_IMAGE_SECTION_HEADER* sections) {
   const PE_IMAGE_FILE_HEADER& fh = nt.FileHeader;
   const PE_IMAGE_OPTIONAL_HEADER32& oh = nt.OptionalHeader;
   // Something that is not NT headers at all is reported apart from a
   // malformed image.
-  if (nt.Signature != kNtSignature) return PE_STATUS_INVALID_IMAGE_PROTECT;
-  if (fh.Machine == 0 && fh.SizeOfOptionalHeader == 0) return PE_STATUS_INVALID_IMAGE_PROTECT;
+  if (nt.Signature != kNtSignature) return HeaderVerdict::kNotNtHeaders;
+  if (fh.Machine == 0 && fh.SizeOfOptionalHeader == 0) return HeaderVerdict::kNotNtHeaders;
 
-  if (!(fh.Characteristics & kFileExecutable)) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (oh.Magic != kMagicPe32) return PE_STATUS_INVALID_IMAGE_FORMAT;
+  if (!(fh.Characteristics & kFileExecutable)) return HeaderVerdict::kMalformed;
+  if (oh.Magic != kMagicPe32) return HeaderVerdict::kMalformed;
   const uint32_t file_align = oh.FileAlignment;
   const uint32_t sect_align = oh.SectionAlignment;
   // A file alignment below 512 is allowed only for images laid out in the
   // file as they run (both alignments equal).
-  if ((file_align & 0x1FF) != 0 && file_align != sect_align) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (file_align == 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
+  if ((file_align & 0x1FF) != 0 && file_align != sect_align) return HeaderVerdict::kMalformed;
+  if (file_align == 0) return HeaderVerdict::kMalformed;
   // Zero passes this test; the SizeOfHeaders check below catches it.
-  if ((sect_align & (sect_align - 1)) != 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if ((file_align & (file_align - 1)) != 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (oh.SizeOfImage > kMaxImageSize) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (fh.NumberOfSections > kMaxSections) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if (fh.Machine != kMachineI386) return PE_STATUS_INVALID_IMAGE_FORMAT;
-  if ((oh.ImageBase & 0xFFFF) != 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
+  if ((sect_align & (sect_align - 1)) != 0) return HeaderVerdict::kMalformed;
+  if ((file_align & (file_align - 1)) != 0) return HeaderVerdict::kMalformed;
+  if (oh.SizeOfImage > kMaxImageSize) return HeaderVerdict::kMalformed;
+  if (fh.NumberOfSections > kMaxSections) return HeaderVerdict::kMalformed;
+  if (fh.Machine != kMachineI386) return HeaderVerdict::kMalformed;
+  if ((oh.ImageBase & 0xFFFF) != 0) return HeaderVerdict::kMalformed;
   const uint32_t headers = oh.SizeOfHeaders;
   // The last test refuses an alignment below 2 and a rounding that wraps.
   if (headers == 0 || headers >= oh.SizeOfImage || headers + sect_align - 1 <= headers)
-    return PE_STATUS_INVALID_IMAGE_FORMAT;
+    return HeaderVerdict::kMalformed;
 
   // Sections must follow one another without gaps or overlaps, each at the
   // previous one's end rounded up to the section alignment.
@@ -71,15 +58,15 @@ uint32_t VerifyImageHeader(const PE_IMAGE_NT_HEADERS32& nt, const PE_IMAGE_SECTI
     const PE_IMAGE_SECTION_HEADER& s = sections[i];
     const uint32_t extent = ExtentOrRaw(s);
     const uint32_t raw_end = s.PointerToRawData + s.SizeOfRawData;
-    if (raw_end < s.PointerToRawData) return PE_STATUS_INVALID_IMAGE_FORMAT;
-    if (RoundUp(raw_end, file_align) < s.PointerToRawData) return PE_STATUS_INVALID_IMAGE_FORMAT;
-    if (s.VirtualAddress != expected) return PE_STATUS_INVALID_IMAGE_FORMAT;
-    if (extent == 0) return PE_STATUS_INVALID_IMAGE_FORMAT;
+    if (raw_end < s.PointerToRawData) return HeaderVerdict::kMalformed;
+    if (RoundUp(raw_end, file_align) < s.PointerToRawData) return HeaderVerdict::kMalformed;
+    if (s.VirtualAddress != expected) return HeaderVerdict::kMalformed;
+    if (extent == 0) return HeaderVerdict::kMalformed;
     const uint32_t next = RoundUp(extent + expected, sect_align);
-    if (next <= expected) return PE_STATUS_INVALID_IMAGE_FORMAT;
+    if (next <= expected) return HeaderVerdict::kMalformed;
     expected = next;
   }
-  return PE_STATUS_OK;
+  return HeaderVerdict::kSound;
 }
 
 uint32_t SectionOfRva(const PE_IMAGE_SECTION_HEADER* sections, int count, uint32_t rva) {
@@ -103,48 +90,30 @@ uint32_t FileOffsetOfRva(const PE_IMAGE_SECTION_HEADER* sections, int count, uin
   return rva - sections[i].VirtualAddress + sections[i].PointerToRawData;
 }
 
-int SectionOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
-                   uint32_t& index) {
-  const uint32_t count = nt.FileHeader.NumberOfSections;
-  if (count != 0 && sections) {
-    // The table is taken as sorted: the first section starting above the
-    // RVA ends the scan.
-    for (uint32_t i = 0; i < count; ++i) {
-      const PE_IMAGE_SECTION_HEADER& s = sections[i];
-      if (rva < s.VirtualAddress) {
-        if (i == 0) break;
-        index = i - 1;
-        return PE_RVA_IN_GAP;
-      }
-      if (rva < s.VirtualAddress + ExtentOrRaw(s)) {  // the sum wraps as it will
-        index = i;
-        return PE_RVA_IN_SECTION;
-      }
-    }
-    if (rva >= sections[0].VirtualAddress) {
-      index = count - 1;
-      return PE_RVA_PAST_SECTIONS;
-    }
-  }
-  index = 0;
-  return rva >= nt.OptionalHeader.SizeOfHeaders ? PE_RVA_BEFORE_SECTIONS : PE_RVA_IN_HEADERS;
+Placement SectionOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
+                         uint32_t& index) {
+  return LocateRva(sections, nt.FileHeader.NumberOfSections, nt.OptionalHeader.SizeOfHeaders, rva, index);
 }
 
-int FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
-                      uint32_t& pos) {
+uint32_t FileOffsetOfRvaEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32& nt, uint32_t rva,
+                           uint32_t& pos) {
   uint32_t i = 0;
   switch (SectionOfRvaEx(sections, nt, rva, i)) {
-    case PE_RVA_IN_HEADERS:
+    case Placement::kInHeaders:
       pos = rva;
       return kMaxReadable;
-    case PE_RVA_IN_SECTION:
-    case PE_RVA_PAST_SECTIONS: {
+    case Placement::kInSection:
+    case Placement::kPastSections: {
       // Past the last section's virtual end there may still be raw bytes.
-      const uint32_t off = rva - sections[i].VirtualAddress;
-      const int32_t avail = int32_t(sections[i].SizeOfRawData - off);
-      if (avail < 1) return 0;
-      pos = off + sections[i].PointerToRawData;
-      return avail > kMaxReadable ? kMaxReadable : avail;
+      // The raw size less the offset is taken as a signed number, as the
+      // product's callers expect: an RVA 2 GiB or more past the raw data
+      // wraps to a positive count at a position far outside the file, which
+      // a reader of the file must bound by its length (vrkutil pe does).
+      const uint32_t offset = rva - sections[i].VirtualAddress;
+      const int32_t available = static_cast<int32_t>(sections[i].SizeOfRawData - offset);
+      if (available < 1) return 0;
+      pos = offset + sections[i].PointerToRawData;
+      return available > static_cast<int32_t>(kMaxReadable) ? kMaxReadable : static_cast<uint32_t>(available);
     }
     default:
       return 0;

@@ -8,7 +8,7 @@ VRK_API int PE_EsMZ(const void* bytes) noexcept { return vrk::pe::IsMz(static_ca
 VRK_API int PE_EsPE(const void* bytes) noexcept { return vrk::pe::IsPe(static_cast<const uint8_t*>(bytes)) ? 1 : 0; }
 
 VRK_API uint32_t PE_VerifyImageHeader(const PE_IMAGE_NT_HEADERS32* nt, const PE_IMAGE_SECTION_HEADER* sections) noexcept {
-  return vrk::pe::VerifyImageHeader(*nt, sections);
+  return uint32_t(vrk::pe::CheckImageHeader(*nt, sections));
 }
 
 VRK_API uint32_t PE_SeccionDeRVA(const PE_IMAGE_SECTION_HEADER* sections, int count, uint32_t rva) noexcept {
@@ -21,12 +21,12 @@ VRK_API uint32_t PE_SeekDeRVA(const PE_IMAGE_SECTION_HEADER* sections, int count
 
 VRK_API int PE_SeccionDeRVAEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32* nt, uint32_t rva,
                               uint32_t* index) noexcept {
-  return vrk::pe::SectionOfRvaEx(sections, *nt, rva, *index);
+  return int(vrk::pe::SectionOfRvaEx(sections, *nt, rva, *index));
 }
 
 VRK_API int PE_SeekDeRVAEx(const PE_IMAGE_SECTION_HEADER* sections, const PE_IMAGE_NT_HEADERS32* nt, uint32_t rva,
                            uint32_t* pos) noexcept {
-  return vrk::pe::FileOffsetOfRvaEx(sections, *nt, rva, *pos);
+  return int(vrk::pe::FileOffsetOfRvaEx(sections, *nt, rva, *pos));
 }
 
 }  // extern "C"

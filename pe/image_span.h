@@ -7,6 +7,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "pe/format.h"
 #include "vrk_pe.h"
 
 namespace vrk::pe {
@@ -39,6 +40,9 @@ class ImageSpan {
     return true;
   }
 
+  // Bytes inside the image from `rva` on.
+  uint32_t Available(uint32_t rva) const { return base_ && rva <= size_ ? size_ - rva : 0; }
+
   // Pointer to [rva, rva + length) for bulk reads and writes (file reads
   // into the image, name copies, entry points); null unless it lies inside.
   uint8_t* At(uint32_t rva, uint32_t length) const { return base_ && Has(rva, length) ? base_ + rva : nullptr; }
@@ -62,11 +66,11 @@ class ImageSpan {
   // address handed out is not read here.
   uint32_t Address(uint32_t rva) const { return uint32_t(reinterpret_cast<uintptr_t>(base_)) + rva; }
 
-  // The NT headers of the image (e_lfanew at 0x3C); false when they do not
-  // lie inside it.
+  // The NT headers of the image (at e_lfanew); false when they do not lie
+  // inside it.
   bool NtHeaders(PE_IMAGE_NT_HEADERS32& nt, uint32_t* offset = nullptr) const {
     uint32_t lfanew = 0;
-    if (!Read(0x3C, lfanew) || !Read(lfanew, nt)) return false;
+    if (!Read(kLfanewOffset, lfanew) || !Read(lfanew, nt)) return false;
     if (offset) *offset = lfanew;
     return true;
   }

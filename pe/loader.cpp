@@ -1,68 +1,21 @@
-// The module loader. A PE load is a fixed pipeline of stages over one load
-// context; the first stage that fails sends the half-built image record to
-// the one teardown, FreeImage, which copes with every stage of completion.
+// The module loader: the process's list of PE and native modules, lookups by
+// name and ordinal, and the binding of a PE module's imports against them.
 #include "pe/loader.h"
 
 #include <strings.h>
 
 #include <cstring>
 
-#include "pe/image_reader.h"
+#include "pe/image.h"
+#include "pe/pipeline.h"
+#include "pe/walk.h"
 #include "vrkalloc.h"
 
 namespace vrk::pe {
 namespace {
 
-constexpr uint32_t kOrdinalFlag = 0x80000000;
-constexpr uint32_t kMaxOrdinal = 0xFFFF;
-constexpr uint32_t kEmptySlot = 0xFFFFFFFF;
-
-// Keys of GetProcAddress: a pointer value above 0xFFFF is a name.
+// Keys of FindProc: a pointer value above 0xFFFF is a name.
 bool IsNameKey(const char* key) { return reinterpret_cast<uintptr_t>(key) > kMaxOrdinal; }
-
-struct LoadContext {
-  VFileHandle handle;
-  MODLOAD_PROCESS* process;
-  PELOAD_IMAGE* record;
-  ImageSpan image;
-};
-
-// Headers and sections into memory; the name is taken at once so that it is
-// set however far the load gets.
-Status StageRead(LoadContext& c) {
-  c.image = ReadImage(c.handle, c.record->inPlace);
-  c.record->image = c.image.base();
-  c.record->size = c.image.size();
-  GetImageName(c.image, c.record->name, PELOAD_NAME_SIZE);
-  return c.image ? Status::kOk : Status::kBadInput;
-}
-
-// Fix absolute addresses for the base the block happens to have.
-Status StageRelocate(LoadContext& c) {
-  (void)ApplyRelocations(c.image);
-  return Status::kOk;
-}
-
-// Every import must resolve; a module with a hole in its address table
-// would crash at the first call through it.
-Status StageBind(LoadContext& c) { return BindImports(c.image, c.process); }
-
-// The export list, built through a temporary slot table.
-Status StageExports(LoadContext& c) {
-  ExportSlot* slots = BuildExportTable(c.image);
-  if (!slots) return Status::kNoMemory;
-  AddExports(slots, &c.record->exports);
-  Pfree(slots);
-  return Status::kOk;
-}
-
-// Last, once the module is complete: its entry point may refuse the load.
-Status StageStart(LoadContext& c) {
-  return CallEntryPoint(c.image, c.process) != 0 ? Status::kOk : Status::kBadInput;
-}
-
-using Stage = Status (*)(LoadContext&);
-constexpr Stage kLoadStages[] = {StageRead, StageRelocate, StageBind, StageExports, StageStart};
 
 // Unlinks `module` from its owner's list.
 void Unlink(PELOAD_MODULE* module) {
@@ -121,63 +74,38 @@ void ReleaseEntry(PELOAD_MODULE* entry) {
   Pfree(entry);
 }
 
+// Binding against the process: each imported DLL by name (loading it when
+// missing), each import by name or ordinal, its address into the slot.
+class Binder {
+ public:
+  Binder(const ImageSpan& image, MODLOAD_PROCESS* process) : image_(image), process_(process) {}
+
+  LoadStatus Module(const char* dll) {
+    module_ = LoadModule(dll, process_, 0);
+    return module_ ? LoadStatus::kOk : LoadStatus::kModuleNotFound;
+  }
+
+  LoadStatus Entry(const ImportEntry& entry) {
+    const char* key = entry.name ? entry.name : reinterpret_cast<const char*>(uintptr_t(entry.ordinal));
+    const uint32_t address = FindProc(module_, key);
+    if (address == 0) return LoadStatus::kProcNotFound;
+    (void)image_.Write(entry.slot, address);
+    return LoadStatus::kOk;
+  }
+
+ private:
+  const ImageSpan& image_;
+  MODLOAD_PROCESS* process_;
+  PELOAD_MODULE* module_ = nullptr;
+};
+
 }  // namespace
 
-PELOAD_IMAGE* LoadImageModule(VFileHandle handle, MODLOAD_PROCESS* process) {
-  if (!handle || !process) return nullptr;
-  auto* record = static_cast<PELOAD_IMAGE*>(Pcalloc(1, sizeof(PELOAD_IMAGE), 0));
-  if (!record) return nullptr;
-  LoadContext context{handle, process, record, {}};
-  for (Stage stage : kLoadStages) {
-    if (stage(context) != Status::kOk) {
-      // The one teardown: the block (unless in place), whatever exports
-      // exist, the record. References that binding took stay with the
-      // modules that hold them.
-      FreeImage(record);
-      return nullptr;
-    }
-  }
-  return record;
-}
-
-Status BindImports(const ImageSpan& image, MODLOAD_PROCESS* process) {
+LoadStatus BindImports(const ImageSpan& image, MODLOAD_PROCESS* process) {
   PE_IMAGE_NT_HEADERS32 nt;
-  if (!image || !image.NtHeaders(nt)) return Status::kBadInput;
-  const uint32_t dir = nt.OptionalHeader.DataDirectory[PE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
-  if (dir == 0) return Status::kOk;
-  // Descriptors, thunks and names that lie outside the image fail the
-  // binding: cutting an import short would leave unbound slots behind.
-  for (uint64_t d = dir;; d += sizeof(PE_IMAGE_IMPORT_DESCRIPTOR)) {
-    PE_IMAGE_IMPORT_DESCRIPTOR desc;
-    if (d > UINT32_MAX || !image.Read(uint32_t(d), desc)) return Status::kBadInput;
-    if (desc.FirstThunk == 0) return Status::kOk;
-    const char* dll = image.String(desc.Name);
-    if (!dll) return Status::kBadInput;
-    PELOAD_MODULE* module = LoadLibraryEx(dll, process, 0);
-    if (!module) return Status::kNotFound;
-    const uint32_t lookup = desc.OriginalFirstThunk != 0 ? desc.OriginalFirstThunk : desc.FirstThunk;
-    for (uint64_t k = 0;; ++k) {
-      const uint64_t thunk_rva = lookup + 4 * k;
-      const uint64_t slot_rva = desc.FirstThunk + 4 * k;
-      uint32_t thunk = 0;
-      if (thunk_rva > UINT32_MAX || !image.Read(uint32_t(thunk_rva), thunk)) return Status::kBadInput;
-      if (thunk == 0) break;
-      const char* key = nullptr;
-      if (thunk & kOrdinalFlag) {
-        // An ordinal above 0xFFFF would be taken for a name pointer.
-        const uint32_t ordinal = thunk & ~kOrdinalFlag;
-        if (ordinal > kMaxOrdinal) return Status::kBadInput;
-        key = reinterpret_cast<const char*>(uintptr_t(ordinal));
-      } else {
-        // Past the two-byte hint, which is not used.
-        if (thunk > UINT32_MAX - 2 || !(key = image.String(thunk + 2))) return Status::kBadInput;
-      }
-      if (slot_rva > UINT32_MAX || !image.Has(uint32_t(slot_rva), 4)) return Status::kBadInput;
-      const uint32_t address = GetProcAddress(module, key);
-      if (address == 0) return Status::kNotFound;
-      (void)image.Write(uint32_t(slot_rva), address);
-    }
-  }
+  if (!image || !image.NtHeaders(nt)) return LoadStatus::kImageTooSmall;
+  Binder binder(image, process);
+  return WalkImports(image, nt, binder);
 }
 
 PELOAD_MODULE* NewModuleEntry(PELOAD_MODULE** head, const char* name) {
@@ -197,7 +125,7 @@ PELOAD_MODULE* NewModuleEntry(PELOAD_MODULE** head, const char* name) {
   return entry;
 }
 
-PELOAD_MODULE* LoadLibraryEx(const void* name_or_handle, MODLOAD_PROCESS* process, uint32_t flags) {
+PELOAD_MODULE* LoadModule(const void* name_or_handle, MODLOAD_PROCESS* process, uint32_t flags) {
   if (!process) return nullptr;
   // A PE module is not looked for first: loading one file twice gives two
   // entries with two images.
@@ -205,7 +133,7 @@ PELOAD_MODULE* LoadLibraryEx(const void* name_or_handle, MODLOAD_PROCESS* proces
   return LoadByName(static_cast<const char*>(name_or_handle), process);
 }
 
-uint32_t GetProcAddress(PELOAD_MODULE* module, const char* key) {
+uint32_t FindProc(PELOAD_MODULE* module, const char* key) {
   if (!module || !key) return 0;
   if (module->kind == PELOAD_KIND_NATIVE) return module->owner->getProc(module->handle, key);
   const auto* record = static_cast<const PELOAD_IMAGE*>(module->handle);
@@ -224,8 +152,8 @@ uint32_t GetProcAddress(PELOAD_MODULE* module, const char* key) {
   return 0;
 }
 
-int FreeLibrary(PELOAD_MODULE* module) {
-  if (!module || module->refcount < 1) return 1;
+void ReleaseModule(PELOAD_MODULE* module) {
+  if (!module || module->refcount < 1) return;
   if (--module->refcount == 0 && module->kind == PELOAD_KIND_NATIVE) {
     // The handle is gone, so the entry goes too: a later load by this name
     // asks the load callback again, and teardown cannot free it twice.
@@ -233,17 +161,16 @@ int FreeLibrary(PELOAD_MODULE* module) {
     Unlink(module);
     Pfree(module);
   }
-  return 1;
 }
 
-int GetDllNameH(VFileHandle handle, char* dst, uint32_t len) {
-  if (!handle) return 0;
+LoadStatus ReadDllName(VFileHandle handle, char* dst, uint32_t len) {
+  if (!handle) return LoadStatus::kIoError;
   int in_place = 0;
-  const ImageSpan image = ReadImage(handle, in_place);
-  if (!image) return 0;
-  const int result = GetImageName(image, dst, len);
+  ImageSpan image;
+  if (const LoadStatus s = ReadImage(handle, in_place, image); s != LoadStatus::kOk) return s;
+  GetImageName(image, dst, len);
   if (!in_place) PfreeX(image.base());
-  return result;
+  return LoadStatus::kOk;
 }
 
 void FreeModuleChain(PELOAD_MODULE* first) {

@@ -5,24 +5,31 @@
 
 #include <cstdint>
 
-#include "frame/status.h"
+#include "pe/format.h"
 #include "pe/image_span.h"
 #include "vrk_pe.h"
 
 namespace vrk::pe {
 
-PELOAD_MODULE* LoadLibraryEx(const void* name_or_handle, MODLOAD_PROCESS* process, uint32_t flags);
-uint32_t GetProcAddress(PELOAD_MODULE* module, const char* key);
-int FreeLibrary(PELOAD_MODULE* module);
-int GetDllNameH(VFileHandle handle, char* dst, uint32_t len);
+// flags 0: the module named `name_or_handle`, found in the process or
+// obtained from its load callback; else the PE module in the virtual file
+// `name_or_handle`, loaded anew. Null when neither works.
+PELOAD_MODULE* LoadModule(const void* name_or_handle, MODLOAD_PROCESS* process, uint32_t flags);
 
-// The loading sequence of one PE module: a new image record, or null with
-// everything it built released (references taken by import binding stay).
-PELOAD_IMAGE* LoadImageModule(VFileHandle handle, MODLOAD_PROCESS* process);
+// The address of the export that `key` names (a pointer value above 0xFFFF)
+// or numbers (1 to 0xFFFF); 0 when absent.
+uint32_t FindProc(PELOAD_MODULE* module, const char* key);
+
+// Takes one reference away; a native module at 0 is released and unlinked.
+void ReleaseModule(PELOAD_MODULE* module);
+
+// Reads the PE file in `handle` (neither relocated, bound nor started) and
+// copies its export-directory name into dst. kOk, or why it cannot be read.
+LoadStatus ReadDllName(VFileHandle handle, char* dst, uint32_t len);
 
 // Binds the image's imports by name or ordinal against the process's
 // modules, loading missing ones by name. kOk, or the reason it stopped.
-Status BindImports(const ImageSpan& image, MODLOAD_PROCESS* process);
+LoadStatus BindImports(const ImageSpan& image, MODLOAD_PROCESS* process);
 
 // A zero-filled entry holding `name` whole, pushed at the front of *head with
 // refcount 1; null when the allocator refuses it.

@@ -6,8 +6,8 @@
 
 namespace vrk::pe {
 
-MODLOAD_PROCESS* CreateProcess(VFileHandle handle, MODLOAD_LOAD_FN load, MODLOAD_FREE_FN free,
-                               MODLOAD_GETPROC_FN get_proc) {
+MODLOAD_PROCESS* NewProcessRecord(VFileHandle handle, MODLOAD_LOAD_FN load, MODLOAD_FREE_FN free,
+                                  MODLOAD_GETPROC_FN get_proc) {
   auto* process = static_cast<MODLOAD_PROCESS*>(Pcalloc(1, sizeof(MODLOAD_PROCESS), 0));
   if (!process) return nullptr;
   process->load = load;
@@ -15,11 +15,11 @@ MODLOAD_PROCESS* CreateProcess(VFileHandle handle, MODLOAD_LOAD_FN load, MODLOAD
   process->getProc = get_proc;
   // The first module is found later by name, if it loaded at all; its
   // failure is not the record's.
-  if (handle) (void)LoadLibraryEx(handle, process, 1);
+  if (handle) (void)LoadModule(handle, process, 1);
   return process;
 }
 
-void TerminateProcess(MODLOAD_PROCESS* process) {
+void FreeProcessRecord(MODLOAD_PROCESS* process) {
   if (!process) return;
   FreeModuleChain(process->modules);
   Pfree(process);

@@ -8,6 +8,8 @@
 #include <iterator>
 #include <pthread.h>
 
+#include "frame/block.h"
+#include "text/kernels.h"
 #include "text/utf8.h"
 #include "vrk_text.h"
 #include "vrkalloc.h"
@@ -15,20 +17,21 @@
 namespace vrk::text {
 namespace {
 
-enum : uint8_t {
-  UTF8FOLD_SAMELEN = 0,   // common or full mapping, same UTF-8 length
-  UTF8FOLD_SIMPLE = 1,    // simple mapping (same length by construction)
-  UTF8FOLD_TURKIC = 2,    // Turkic mapping
-  UTF8FOLD_OTHERLEN = 3,  // common or full mapping that changes the length
+// A record's kind, as the generated table numbers it.
+enum FoldKind : uint8_t {
+  kSameLength = 0,   // common or full mapping, same UTF-8 length
+  kSimple = 1,       // simple mapping (same length by construction)
+  kTurkic = 2,       // Turkic mapping
+  kOtherLength = 3,  // common or full mapping that changes the length
 };
 
-struct utf8foldrec {
+struct FoldRecord {
   uint8_t kind;
   char src[7];         // source bytes, zero-filled
   const char* folded;  // NUL-terminated, at most 6 bytes
 };
 
-#define VRK_FOLD_TABLE_BEGIN(length, count) constexpr utf8foldrec kFold##length[count] = {
+#define VRK_FOLD_TABLE_BEGIN(length, count) constexpr FoldRecord kFold##length[count] = {
 #define VRK_FOLD(kind, status, code_point, src, folded) {kind, src, folded},
 #define VRK_FOLD_TABLE_END(length) \
   }                                \
@@ -38,11 +41,11 @@ struct utf8foldrec {
 #undef VRK_FOLD
 #undef VRK_FOLD_TABLE_END
 
-constexpr std::array<const utf8foldrec*, 4> utf8foldtables = {kFold1, kFold2, kFold3, kFold4};
-constexpr std::array<uint32_t, 4> utf8foldcounts = {std::size(kFold1), std::size(kFold2), std::size(kFold3),
+constexpr std::array<const FoldRecord*, 4> kFoldTables = {kFold1, kFold2, kFold3, kFold4};
+constexpr std::array<uint32_t, 4> kFoldCounts = {std::size(kFold1), std::size(kFold2), std::size(kFold3),
                                                     std::size(kFold4)};
-static_assert(utf8foldcounts[0] == 27 && utf8foldcounts[1] == 417 && utf8foldcounts[2] == 385 &&
-              utf8foldcounts[3] == 38);
+static_assert(kFoldCounts[0] == 27 && kFoldCounts[1] == 417 && kFoldCounts[2] == 385 &&
+              kFoldCounts[3] == 38);
 
 constexpr int CompareSource(const char* a, const char* b, int32_t n) {
   for (int32_t i = 0; i < n; ++i) {
@@ -57,15 +60,15 @@ constexpr int CompareSource(const char* a, const char* b, int32_t n) {
 // sub-table ascending by source, with the records of one source side by side.
 constexpr bool TablesAreSorted() {
   for (uint32_t t = 0; t < 4; ++t) {
-    for (uint32_t i = 1; i < utf8foldcounts[t]; ++i) {
-      if (CompareSource(utf8foldtables[t][i - 1].src, utf8foldtables[t][i].src, int32_t(t + 1)) > 0) return false;
+    for (uint32_t i = 1; i < kFoldCounts[t]; ++i) {
+      if (CompareSource(kFoldTables[t][i - 1].src, kFoldTables[t][i].src, int32_t(t + 1)) > 0) return false;
     }
   }
   return true;
 }
 static_assert(TablesAreSorted(), "case-folding sub-tables must ascend by source bytes");
 
-constexpr uint32_t FoldedLength(const utf8foldrec& r) {
+constexpr uint32_t FoldedLength(const FoldRecord& r) {
   uint32_t n = 0;
   while (r.folded[n] != 0) ++n;
   return n;
@@ -74,9 +77,9 @@ constexpr uint32_t FoldedLength(const utf8foldrec& r) {
 // Same-length kinds really keep the length: in-place folding depends on it.
 constexpr bool SameLengthKindsKeepLength() {
   for (uint32_t t = 0; t < 4; ++t) {
-    for (uint32_t i = 0; i < utf8foldcounts[t]; ++i) {
-      const utf8foldrec& r = utf8foldtables[t][i];
-      if (r.kind <= UTF8FOLD_SIMPLE && FoldedLength(r) != t + 1) return false;
+    for (uint32_t i = 0; i < kFoldCounts[t]; ++i) {
+      const FoldRecord& r = kFoldTables[t][i];
+      if (r.kind <= kSimple && FoldedLength(r) != t + 1) return false;
     }
   }
   return true;
@@ -86,9 +89,9 @@ static_assert(SameLengthKindsKeepLength());
 // Kinds a lookup admits, as a bit mask over the kind numbers: in place
 // (same length only), strict, and strict with the Turkic mappings.
 using KindFilter = uint8_t;
-constexpr KindFilter kInPlaceKinds = (1u << UTF8FOLD_SAMELEN) | (1u << UTF8FOLD_SIMPLE);
-constexpr KindFilter kStrictKinds = kInPlaceKinds | (1u << UTF8FOLD_OTHERLEN);
-constexpr KindFilter kTurkicKinds = kStrictKinds | (1u << UTF8FOLD_TURKIC);
+constexpr KindFilter kInPlaceKinds = (1u << kSameLength) | (1u << kSimple);
+constexpr KindFilter kStrictKinds = kInPlaceKinds | (1u << kOtherLength);
+constexpr KindFilter kTurkicKinds = kStrictKinds | (1u << kTurkic);
 constexpr KindFilter kFilters[3] = {kInPlaceKinds, kStrictKinds, kTurkicKinds};
 
 constexpr KindFilter FilterFor(int flags) { return (flags & UTF8_FOLD_TURKIC) ? kTurkicKinds : kStrictKinds; }
@@ -111,8 +114,8 @@ constexpr std::array<std::array<uint16_t, kSlots>, 3> AdmittedBySlot() {
   for (uint32_t f = 0; f < 3; ++f) {
     slots[f].fill(kNoRecord);
     // Backwards, so that the first admitted record of a source is kept.
-    for (uint32_t i = utf8foldcounts[kLength - 1]; i-- > 0;) {
-      const utf8foldrec& r = utf8foldtables[kLength - 1][i];
+    for (uint32_t i = kFoldCounts[kLength - 1]; i-- > 0;) {
+      const FoldRecord& r = kFoldTables[kLength - 1][i];
       if (!(kFilters[f] & (1u << r.kind))) continue;
       slots[f][kLength == 1 ? uint8_t(r.src[0]) : Slot2(r.src)] = uint16_t(i);
     }
@@ -129,16 +132,16 @@ template <uint32_t kLength, uint32_t kCount>
 constexpr std::array<uint8_t, kCount> FoldedLengths() {
   std::array<uint8_t, kCount> lengths{};
   for (uint32_t i = 0; i < kCount; ++i) {
-    const utf8foldrec& r = utf8foldtables[kLength - 1][i];
-    lengths[i] = uint8_t(r.kind <= UTF8FOLD_SIMPLE ? kLength : FoldedLength(r));
+    const FoldRecord& r = kFoldTables[kLength - 1][i];
+    lengths[i] = uint8_t(r.kind <= kSimple ? kLength : FoldedLength(r));
   }
   return lengths;
 }
 
-constexpr auto kFoldedLengths1 = FoldedLengths<1, utf8foldcounts[0]>();
-constexpr auto kFoldedLengths2 = FoldedLengths<2, utf8foldcounts[1]>();
-constexpr auto kFoldedLengths3 = FoldedLengths<3, utf8foldcounts[2]>();
-constexpr auto kFoldedLengths4 = FoldedLengths<4, utf8foldcounts[3]>();
+constexpr auto kFoldedLengths1 = FoldedLengths<1, kFoldCounts[0]>();
+constexpr auto kFoldedLengths2 = FoldedLengths<2, kFoldCounts[1]>();
+constexpr auto kFoldedLengths3 = FoldedLengths<3, kFoldCounts[2]>();
+constexpr auto kFoldedLengths4 = FoldedLengths<4, kFoldCounts[3]>();
 constexpr std::array<const uint8_t*, 4> kFoldedLengths = {kFoldedLengths1.data(), kFoldedLengths2.data(),
                                                           kFoldedLengths3.data(), kFoldedLengths4.data()};
 
@@ -162,6 +165,19 @@ constexpr std::array<std::array<uint8_t, 128>, 3> kAsciiFold = [] {
 }();
 static_assert(kAsciiFold[1]['K'] == 'k' && kAsciiFold[1]['I'] == 'i' && kAsciiFold[2]['I'] == kSlowPath &&
               kAsciiFold[0]['I'] == 'i' && kAsciiFold[1]['k'] == 'k' && kAsciiFold[1][0] == 0);
+
+// Outside the Turkic I, every filter folds ASCII as A-Z to a-z, which is
+// what the vector runs of kernels.h do.
+constexpr bool AsciiFoldsAsLetters() {
+  for (uint32_t f = 0; f < 3; ++f) {
+    for (uint32_t c = 0; c < 128; ++c) {
+      const uint32_t letter = c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
+      if (kAsciiFold[f][c] != letter && !(f == 2 && c == 'I' && kAsciiFold[f][c] == kSlowPath)) return false;
+    }
+  }
+  return true;
+}
+static_assert(AsciiFoldsAsLetters());
 
 constexpr bool InPlaceAsciiIsDirect() {
   for (const uint8_t f : kAsciiFold[0]) {
@@ -193,31 +209,31 @@ constexpr std::array<std::array<uint16_t, 2048>, 3> kFold2Key = [] {
 
 // Lead-byte index: [L][b] is the first record of the (L + 1)-byte sub-table
 // whose source begins with b, or that sub-table's count. Built once on the
-// first lookup. utf8foldready is set, with release order, only after all
+// first lookup. g_fold_ready is set, with release order, only after all
 // 1024 entries are written, so a reader that sees it set sees the whole
 // index; pthread_once makes concurrent first callers wait for one build.
-constinit uint32_t utf8foldindex[4][256] = {};
-constinit std::atomic<uint32_t> utf8foldready{0};
-constinit pthread_once_t utf8foldonce = PTHREAD_ONCE_INIT;
+constinit uint32_t g_fold_index[4][256] = {};
+constinit std::atomic<uint32_t> g_fold_ready{0};
+constinit pthread_once_t g_fold_once = PTHREAD_ONCE_INIT;
 
-void utf8foldinit() {
+void BuildFoldIndex() {
   for (uint32_t t = 0; t < 4; ++t) {
     for (uint32_t b = 0; b < 256; ++b) {
-      uint32_t first = utf8foldcounts[t];
-      for (uint32_t i = 0; i < utf8foldcounts[t]; ++i) {
-        if (uint8_t(utf8foldtables[t][i].src[0]) == b) {
+      uint32_t first = kFoldCounts[t];
+      for (uint32_t i = 0; i < kFoldCounts[t]; ++i) {
+        if (uint8_t(kFoldTables[t][i].src[0]) == b) {
           first = i;
           break;
         }
       }
-      utf8foldindex[t][b] = first;
+      g_fold_index[t][b] = first;
     }
   }
-  utf8foldready.store(1, std::memory_order_release);
+  g_fold_ready.store(1, std::memory_order_release);
 }
 
 [[gnu::always_inline]] inline void EnsureIndex() {
-  if (utf8foldready.load(std::memory_order_acquire) == 0) pthread_once(&utf8foldonce, utf8foldinit);
+  if (g_fold_ready.load(std::memory_order_acquire) == 0) pthread_once(&g_fold_once, BuildFoldIndex);
 }
 
 struct Folded {
@@ -226,20 +242,20 @@ struct Folded {
 };
 
 // The position of the first record of the n-byte source at p that `filter`
-// admits, or kNoRecord (utf8foldfind). Records of one source are side by
+// admits, or kNoRecord. Records of one source are side by
 // side in the table's order; 1- and 2-byte sources are found through the
 // direct slots, longer ones through the lead-byte index and a binary search
 // over the records of that lead byte, all of them sorted by source.
-[[gnu::always_inline]] inline uint32_t utf8foldfind(const char* p, int32_t n, KindFilter filter) {
+[[gnu::always_inline]] inline uint32_t FindRecord(const char* p, int32_t n, KindFilter filter) {
   EnsureIndex();
   if (n == 1) return kAdmitted1[FilterIndex(filter)][uint8_t(p[0]) & 0x7F];
   if (n == 2) return kAdmitted2[FilterIndex(filter)][Slot2(p)];
   const uint32_t t = uint32_t(n - 1);
-  const uint32_t count = utf8foldcounts[t];
-  const uint32_t start = utf8foldindex[t][uint8_t(p[0])];
+  const uint32_t count = kFoldCounts[t];
+  const uint32_t start = g_fold_index[t][uint8_t(p[0])];
   if (start == count) return kNoRecord;
-  const utf8foldrec* const table = utf8foldtables[t];
-  const utf8foldrec* it = std::lower_bound(table + start, table + count, p, [n](const utf8foldrec& r, const char* key) {
+  const FoldRecord* const table = kFoldTables[t];
+  const FoldRecord* it = std::lower_bound(table + start, table + count, p, [n](const FoldRecord& r, const char* key) {
     return CompareSource(r.src, key, n) < 0;
   });
   for (; it != table + count && CompareSource(it->src, p, n) == 0; ++it) {
@@ -250,53 +266,105 @@ struct Folded {
 
 // The folded form of the n-byte character at p: its record's text, or the
 // character itself when no record is admitted.
-[[gnu::always_inline]] inline Folded utf8foldchar(const char* p, int32_t n, KindFilter filter) {
-  const uint32_t found = utf8foldfind(p, n, filter);
+[[gnu::always_inline]] inline Folded FoldChar(const char* p, int32_t n, KindFilter filter) {
+  const uint32_t found = FindRecord(p, n, filter);
   if (found == kNoRecord) return {p, n};
   const uint32_t t = uint32_t(n - 1);
-  return {utf8foldtables[t][found].folded, kFoldedLengths[t][found]};
+  return {kFoldTables[t][found].folded, kFoldedLengths[t][found]};
 }
 
 constexpr int32_t LeadLengthOf(const char* p) { return LeadLength(uint8_t(*p)); }
 
-[[gnu::always_inline]] inline bool utf8checktrail(const char* p, int32_t n) { return TrailIsValid(reinterpret_cast<const uint8_t*>(p), n); }
+const uint8_t* Bytes(const char* p) { return reinterpret_cast<const uint8_t*>(p); }
 
-[[gnu::always_inline]] inline int utf8cmpbytes(const char* a, int32_t la, const char* b, int32_t lb) {
+constexpr FoldOrder OrderOf(bool less) { return less ? FoldOrder::kLess : FoldOrder::kGreater; }
+
+// Byte order of two folded forms, the shorter first when one is a prefix of
+// the other.
+[[gnu::always_inline]] inline FoldOrder CompareBytes(const char* a, int32_t la, const char* b, int32_t lb) {
   const int order = CompareSource(a, b, std::min(la, lb));
-  if (order != 0) return order;
-  if (la == lb) return 0;
-  return la < lb ? -1 : 1;
+  if (order != 0) return OrderOf(order < 0);
+  if (la == lb) return FoldOrder::kEqual;
+  return OrderOf(la < lb);
 }
 
-[[gnu::always_inline]] inline int utf8cmpchar(const char* pa, const char* pb, int flags) {
+// The order of the characters at pa and pb after folding each.
+[[gnu::always_inline]] inline FoldOrder CompareChar(const char* pa, const char* pb, int flags) {
   const int32_t na = LeadLengthOf(pa);
   const int32_t nb = LeadLengthOf(pb);
-  if (na < 0 || nb < 0) return UTF8_ERR_INVALID;
-  if (!utf8checktrail(pa, na) || !utf8checktrail(pb, nb)) return UTF8_ERR_INVALID;
+  if (na < 0 || nb < 0) return FoldOrder::kMalformed;
+  if (!TrailIsValid(Bytes(pa), na) || !TrailIsValid(Bytes(pb), nb)) return FoldOrder::kMalformed;
   const KindFilter filter = FilterFor(flags);
-  const Folded fa = utf8foldchar(pa, na, filter);
-  const Folded fb = utf8foldchar(pb, nb, filter);
-  if ((flags & UTF8_CMP_LENGTHFIRST) && fa.length != fb.length) return fa.length < fb.length ? -1 : 1;
-  return utf8cmpbytes(fa.bytes, fa.length, fb.bytes, fb.length);
+  const Folded fa = FoldChar(pa, na, filter);
+  const Folded fb = FoldChar(pb, nb, filter);
+  if ((flags & UTF8_CMP_LENGTHFIRST) && fa.length != fb.length) return OrderOf(fa.length < fb.length);
+  return CompareBytes(fa.bytes, fa.length, fb.bytes, fb.length);
 }
 
 // Output capacity grows in fixed steps the product's allocator accounts for.
 constexpr uint32_t kFoldGrowthStep = 2048;
 
+// The byte that ends a vector run of ASCII under `flags`: the Turkic I,
+// which folds to a 2-byte letter, or none (0x80 is no ASCII byte).
+constexpr uint8_t RunStop(int flags) { return (flags & UTF8_FOLD_TURKIC) ? uint8_t('I') : uint8_t(0x80); }
+
+// Equal ASCII characters in a row after which the comparison goes on a
+// vector at a time. Setting that up (finding how far both strings go) costs
+// about what 20 characters through the table do, so short strings and text
+// of other scripts stay with the table; long runs (paths, addresses) gain.
+constexpr ptrdiff_t kAsciiStreak = 48;
+
+// Runs of ASCII are folded many bytes per step only where they are long
+// enough for that to pay: at least kLongRun bytes are left (known to come
+// before the terminator) and the first eight are ASCII (the Turkic I among
+// them just ends the vector run early).
+constexpr uint32_t kLongRun = 16;
+
+// The length of the run of equal ASCII at a and b, found many bytes at a
+// time. How far the strings go is learnt a window at a time (strnlen), so
+// that a run that ends early has not looked far ahead. Kept out of line and
+// without state between calls: the comparison's own loop needs every
+// register it can get on this target.
+[[gnu::noinline]] uint32_t EqualAsciiAhead(const char* a, const char* b, int flags) {
+  uint32_t run = 0;
+  for (uint32_t window = 256;; window = window < (1u << 16) ? window * 2 : window) {
+    const size_t known_a = strnlen(a + run, window);
+    const size_t known_b = strnlen(b + run, window);
+    const uint32_t known = uint32_t(known_a < known_b ? known_a : known_b);
+    const uint32_t more = EqualAsciiRun(Bytes(a + run), Bytes(b + run), known, RunStop(flags));
+    run += more;
+    if (more < window) return run;  // the run or a string ended inside the window
+  }
+}
+
+constexpr uint8_t FoldLetter(uint8_t c) { return c >= 'A' && c <= 'Z' ? uint8_t(c + ('a' - 'A')) : c; }
+
+inline bool StartsLongRun(const char* p) {
+  uint32_t w[2];
+  std::memcpy(w, p, sizeof w);
+  return ((w[0] | w[1]) & 0x80808080u) == 0;
+}
+
 }  // namespace
 
 char* FoldInPlace(char* s) {
-  const std::array<uint8_t, 128>& ascii = kAsciiFold[FilterIndex(kInPlaceKinds)];
   EnsureIndex();  // the set-up runs on the first call, whatever the text
-  for (char* p = s; *p != 0;) {
+  char* p = s;
+  char* const end = s + std::strlen(s);
+  while (p != end) {
     const uint8_t c = uint8_t(*p);
     if (c < 0x80) {  // every in-place folding of ASCII is one byte
-      *p++ = char(ascii[c]);
+      if (end - p < ptrdiff_t(kLongRun) || !StartsLongRun(p)) {
+        *p++ = char(FoldLetter(c));
+        continue;
+      }
+      uint8_t* const run = reinterpret_cast<uint8_t*>(p);
+      p += FoldAsciiRun(run, run, uint32_t(end - p), RunStop(0));
       continue;
     }
     const int32_t n = LeadLength(c);
-    if (n < 0 || !IsValidChar(reinterpret_cast<const uint8_t*>(p))) break;
-    const Folded f = utf8foldchar(p, n, kInPlaceKinds);
+    if (n < 0 || !IsValidChar(Bytes(p))) break;
+    const Folded f = FoldChar(p, n, kInPlaceKinds);
     if (f.bytes != p) std::memcpy(p, f.bytes, size_t(n));
     p += n;
   }
@@ -305,82 +373,113 @@ char* FoldInPlace(char* s) {
 
 char* FoldCopy(const char* s, int flags) {
   const KindFilter filter = FilterFor(flags);
-  const std::array<uint8_t, 128>& ascii = kAsciiFold[FilterIndex(filter)];
   const std::array<uint16_t, 2048>& keys = kFold2Key[FilterIndex(filter)];
-  void* output = nullptr;
+  const uint8_t stop = RunStop(flags);
+  Block<char> output;
   uint32_t capacity = 0;
   uint32_t length = 0;
   EnsureIndex();  // the set-up runs on the first call, whatever the text
-  for (const char* p = s; *p != 0;) {
+  const char* p = s;
+  const char* const end = s + std::strlen(s);
+  // Raises the capacity by one step; a refused growth keeps the old block,
+  // which the holder frees.
+  const auto grow = [&] {
+    if (capacity > UINT32_MAX - kFoldGrowthStep || !output.Grow(capacity + kFoldGrowthStep)) return false;
+    capacity += kFoldGrowthStep;
+    return true;
+  };
+  // Each character is appended when its folded bytes and the terminator
+  // fit, after one growth if they do not.
+  while (p != end) {
     const uint8_t c = uint8_t(*p);
-    // The folded form, from the direct tables for ASCII and for 2-byte
-    // characters that fold to two bytes, else by the general lookup.
-    uint8_t direct[2];
-    int32_t n;
-    Folded f;
-    if (c < 0x80 && ascii[c] != kSlowPath) {
-      direct[0] = ascii[c];
-      n = 1;
-      f = {reinterpret_cast<const char*>(direct), 1};
-    } else if ((c & 0xE0) == 0xC0 && IsContinuation(uint8_t(p[1])) && keys[Slot2(p)] != 0) {
+    if (c < 0x80 && c != stop) {
+      if (length + 2 > capacity && !grow()) return nullptr;
+      if (end - p >= ptrdiff_t(kLongRun) && capacity - length > kLongRun && StartsLongRun(p)) {
+        // A long run of ASCII, as far as the room goes without growing:
+        // each byte needs room for itself and the terminator.
+        const uint32_t fits = capacity - 1 - length;
+        const uint32_t left = uint32_t(end - p);
+        const uint32_t run = FoldAsciiRun(Bytes(p), reinterpret_cast<uint8_t*>(output.get()) + length,
+                                          left < fits ? left : fits, stop);
+        p += run;
+        length += run;
+        continue;
+      }
+      output[length++] = char(FoldLetter(c));
+      ++p;
+      continue;
+    }
+    // 2-byte characters that fold to two bytes, from the direct table.
+    if ((c & 0xE0) == 0xC0 && IsContinuation(uint8_t(p[1]))) {
       const uint16_t key = keys[Slot2(p)];
-      direct[0] = uint8_t(key >> 8);
-      direct[1] = uint8_t(key);
-      n = 2;
-      f = {reinterpret_cast<const char*>(direct), 2};
-    } else {
-      n = LeadLength(c);
-      if (n < 0 || !IsValidChar(reinterpret_cast<const uint8_t*>(p))) {
-        PSafeFree(&output);
-        return nullptr;
+      if (key != 0) {
+        if (length + 3 > capacity && !grow()) return nullptr;
+        output[length] = char(key >> 8);
+        output[length + 1] = char(key & 0xFF);
+        length += 2;
+        p += 2;
+        continue;
       }
-      f = utf8foldchar(p, n, filter);
     }
-    if (length + uint32_t(f.length) + 1 > capacity) {
-      if (capacity > UINT32_MAX - kFoldGrowthStep) {
-        Pfree(output);
-        return nullptr;
-      }
-      void* grown = Prealloc(output, capacity + kFoldGrowthStep);
-      if (grown == nullptr) {
-        if (output != nullptr) Pfree(output);
-        return nullptr;
-      }
-      output = grown;
-      capacity += kFoldGrowthStep;
+    const int32_t n = LeadLength(c);
+    if (n < 0 || !IsValidChar(Bytes(p))) {
+      // Released with the null-safe call, even before anything was
+      // allocated.
+      void* block = output.release();
+      PSafeFree(&block);
+      return nullptr;
     }
-    char* const at = static_cast<char*>(output) + length;
+    const Folded f = FoldChar(p, n, filter);
+    if (length + uint32_t(f.length) + 1 > capacity && !grow()) return nullptr;
+    char* const at = output.get() + length;
     for (int32_t i = 0; i < f.length; ++i) at[i] = f.bytes[i];  // 1 to 6 bytes
     length += uint32_t(f.length);
     p += n;
   }
-  if (output == nullptr) return nullptr;  // an empty string
-  static_cast<char*>(output)[length] = 0;
-  if (void* shrunk = Prealloc(output, length + 1)) output = shrunk;
-  return static_cast<char*>(output);
+  if (!output) return nullptr;  // an empty string
+  output[length] = 0;
+  (void)output.Grow(length + 1);  // when refused, the larger block serves
+  return output.release();
 }
 
-int CompareFolded(const char* a, const char* b, int flags) {
-  if (a == nullptr || b == nullptr) return UTF8_ERR_NULLARG;
+FoldOrder CompareFolded(const char* a, const char* b, int flags) {
+  if (a == nullptr || b == nullptr) return FoldOrder::kNullArgument;
   const uint32_t filter = FilterIndex(FilterFor(flags));
   const std::array<uint8_t, 128>& ascii = kAsciiFold[filter];
   const std::array<uint16_t, 2048>& keys = kFold2Key[filter];
+  const char* vector_at = a + kAsciiStreak;  // where a run of equal ASCII goes vector
   EnsureIndex();  // the set-up runs on the first call, whatever the text
   for (;;) {
     // Two ASCII characters whose foldings are single bytes compare as those
-    // bytes, whatever the flags: both folded forms are one byte long.
+    // bytes, whatever the flags: both folded forms are one byte long. The
+    // loop is bound by how many branches a round takes, so an equal pair
+    // goes through as few as can be: equal foldings, and one test that the
+    // folding is neither the terminator's (0) nor kSlowPath.
     const uint8_t x = uint8_t(*a);
     const uint8_t y = uint8_t(*b);
-    if ((x | y) < 0x80) {
+    // A run that has gone on for kAsciiStreak characters goes on a vector at
+    // a time. Reaching that place is folded into the ASCII test as its high
+    // bit, so the loop takes no branch of its own for it.
+    const uint32_t streak_done = uint32_t(a == vector_at) << 7;
+    if (((x | y) | streak_done) < 0x80) {
       const uint8_t fx = ascii[x];
       const uint8_t fy = ascii[y];
-      if (fx != kSlowPath && fy != kSlowPath) {
-        if (fx != fy) return fx < fy ? -1 : 1;
-        if (x == 0) return 0;
-        ++a;
-        ++b;
-        continue;
+      if (__builtin_expect(fx == fy, 1)) {
+        if (__builtin_expect(uint8_t(fx - 1) < kSlowPath - 1, 1)) {
+          ++a;
+          ++b;
+          continue;
+        }
+        if (fx == 0) return FoldOrder::kEqual;  // both at their terminators
+      } else if (fx != kSlowPath && fy != kSlowPath) {
+        return OrderOf(fx < fy);
       }
+    } else if ((x | y) < 0x80) {
+      const uint32_t run = EqualAsciiAhead(a, b, flags);
+      a += run;
+      b += run;
+      vector_at = a + kAsciiStreak;
+      continue;
     }
     // Two 2-byte characters whose foldings are two bytes each compare as
     // those bytes, likewise whatever the flags.
@@ -389,18 +488,20 @@ int CompareFolded(const char* a, const char* b, int flags) {
       const uint16_t ka = keys[Slot2(a)];
       const uint16_t kb = keys[Slot2(b)];
       if (ka != 0 && kb != 0) {
-        if (ka != kb) return ka < kb ? -1 : 1;
+        if (ka != kb) return OrderOf(ka < kb);
         a += 2;
         b += 2;
+        vector_at = a + kAsciiStreak;
         continue;
       }
     }
-    const int order = utf8cmpchar(a, b, flags);
-    if (order != 0) return order;
-    if (*a == 0) return 0;
+    const FoldOrder order = CompareChar(a, b, flags);
+    if (order != FoldOrder::kEqual) return order;
+    if (*a == 0) return FoldOrder::kEqual;
     // The two characters may differ in length (U+004B against U+212A).
     a += LeadLengthOf(a);
     b += LeadLengthOf(b);
+    vector_at = a + kAsciiStreak;
   }
 }
 

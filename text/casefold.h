@@ -15,8 +15,16 @@ char* FoldInPlace(char* s);
 // empty, holds a malformed character, or an allocation is refused.
 char* FoldCopy(const char* s, int flags);
 
-// -1, 0 or 1 by the folded characters of `a` and `b`; 17 for a null
-// argument, 18 for a malformed character met before a difference.
-int CompareFolded(const char* a, const char* b, int flags);
+// The order of two strings by their characters folded one at a time, or
+// why there is none.
+enum class [[nodiscard]] FoldOrder : int8_t {
+  kLess = -1,
+  kEqual = 0,
+  kGreater = 1,
+  kNullArgument,  // `a` or `b` is null
+  kMalformed,     // a malformed character came before any difference
+};
+
+FoldOrder CompareFolded(const char* a, const char* b, int flags);
 
 }  // namespace vrk::text

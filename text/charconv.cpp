@@ -28,8 +28,8 @@ class Conversion {
 
   Block<char>& buffer() { return buffer_; }
   void Adopt(charconv_t* conv) { conv_ = conv; }
-  int Close() {
-    const int result = CloseConverter(conv_);
+  Status Close() {
+    const Status result = CloseConverter(conv_);
     conv_ = nullptr;
     return result;
   }
@@ -50,26 +50,26 @@ charconv_t* OpenConverter(const char* tocode, const char* fromcode) {
   return conv.release();
 }
 
-int CloseConverter(charconv_t* conv) {
-  if (conv == nullptr) return 0;
-  int result = 0;
+Status CloseConverter(charconv_t* conv) {
+  if (conv == nullptr) return Status::kOk;
+  Status result = Status::kOk;
   if (conv->cd != kNoDescriptor) {
-    result = iconv_close(static_cast<iconv_t>(conv->cd)) != 0 ? 1 : 0;
+    if (iconv_close(static_cast<iconv_t>(conv->cd)) != 0) result = Status::kBadInput;
     conv->cd = nullptr;
   }
   Pfree(conv);
   return result;
 }
 
-int ConvertBuffer(const char* fromcode, const char* tocode, const char* in, size_t inlen, char** out,
-                  size_t* outlen) {
-  if (out == nullptr || *out != nullptr) return 1;
+Status ConvertBuffer(const char* fromcode, const char* tocode, const char* in, size_t inlen, char** out,
+                     size_t* outlen) {
+  if (out == nullptr || *out != nullptr) return Status::kBadInput;
   Conversion conversion;
   Block<char>& buffer = conversion.buffer();
   buffer = Block<char>::Calloc(kInitialCapacity, 1);
-  if (!buffer) return 1;
+  if (!buffer) return Status::kNoMemory;
   charconv_t* conv = OpenConverter(tocode, fromcode);
-  if (conv == nullptr) return 1;
+  if (conv == nullptr) return Status::kNotFound;
   conversion.Adopt(conv);
 
   // A null input pointer would ask iconv to reset its state and possibly
@@ -86,37 +86,38 @@ int ConvertBuffer(const char* fromcode, const char* tocode, const char* in, size
     const size_t converted = iconv(static_cast<iconv_t>(conv->cd), &inptr, &inleft, &outptr, &room);
     written = size_t(outptr - buffer.get());
     if (converted == size_t(-1)) {
-      if (errno != E2BIG) return 1;  // invalid or incomplete input
+      if (errno != E2BIG) return Status::kBadInput;  // invalid or incomplete input
     } else if (room == before && converted == 0) {
       break;  // nothing more to produce
     }
     // Out of room, or something was written: grow and call again. A call
     // that finds no input left then ends the loop.
-    if (capacity > UINT32_MAX - kGrowthStep || !buffer.Grow(capacity + kGrowthStep)) return 1;
+    if (capacity > UINT32_MAX - kGrowthStep || !buffer.Grow(capacity + kGrowthStep)) return Status::kNoMemory;
     std::memset(buffer.get() + capacity, 0, kGrowthStep);
     capacity += kGrowthStep;
     room += kGrowthStep;
   }
   (void)conversion.Close();
 
-  if (!buffer.Grow(uint32_t(written + 1))) return 1;
+  if (!buffer.Grow(uint32_t(written + 1))) return Status::kNoMemory;
   buffer[uint32_t(written)] = 0;
   *out = buffer.release();
   if (outlen != nullptr) *outlen = written;
-  return 0;
+  return Status::kOk;
 }
 
-int AppendUtf8(const char* fromcode, const char* in, size_t inlen, char** text) {
+Status AppendUtf8(const char* fromcode, const char* in, size_t inlen, char** text) {
   char* converted = nullptr;
   size_t converted_len = 0;
-  if (ConvertBuffer(fromcode, "utf-8", in, inlen, &converted, &converted_len) != 0) return 1;
+  const Status status = ConvertBuffer(fromcode, "utf-8", in, inlen, &converted, &converted_len);
+  if (status != Status::kOk) return status;
   const size_t old_len = *text != nullptr ? std::strlen(*text) : 0;
   const size_t new_len = old_len + converted_len;
   char* joined = (new_len >= old_len && new_len < UINT32_MAX) ? static_cast<char*>(Pcalloc(uint32_t(new_len + 1), 1, 0))
                                                              : nullptr;
   if (joined == nullptr) {
     FreeBuffer(&converted);
-    return 1;
+    return Status::kNoMemory;
   }
   if (old_len != 0) std::memcpy(joined, *text, old_len);
   // The converted text ends at its first NUL, like the string it becomes
@@ -128,7 +129,7 @@ int AppendUtf8(const char* fromcode, const char* in, size_t inlen, char** text) 
   FreeBuffer(&converted);
   FreeBuffer(text);
   *text = joined;
-  return 0;
+  return Status::kOk;
 }
 
 void FreeBuffer(char** buffer) {

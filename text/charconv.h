@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "frame/status.h"
 #include "vrk_text.h"
 
 namespace vrk::text {
@@ -13,20 +14,24 @@ namespace vrk::text {
 // null when it cannot be allocated or iconv does not know the pair.
 charconv_t* OpenConverter(const char* tocode, const char* fromcode);
 
-// Closes the descriptor and frees the handle: 0, or 1 when iconv_close
-// failed. A null handle gives 0.
-int CloseConverter(charconv_t* conv);
+// Closes the descriptor and frees the handle (kOk for a null handle).
+// kBadInput when iconv_close refused the descriptor; the handle is freed
+// all the same.
+Status CloseConverter(charconv_t* conv);
 
 // Converts `inlen` bytes at `in` into a new NUL-terminated buffer stored in
 // `*out`, which must be null on entry; `*outlen` (if given) receives the
-// bytes converted. 0 on success; 1 on any failure, with nothing allocated.
-int ConvertBuffer(const char* fromcode, const char* tocode, const char* in, size_t inlen, char** out,
-                  size_t* outlen);
+// bytes converted. On failure nothing stays allocated: kBadInput for a
+// non-null `*out` or input iconv rejects, kNotFound when no converter
+// could be opened (an unknown pair, or its handle refused), kNoMemory for
+// a refused output block.
+Status ConvertBuffer(const char* fromcode, const char* tocode, const char* in, size_t inlen, char** out,
+                     size_t* outlen);
 
 // Appends the UTF-8 form of `in` to the library-allocated string `*text`
-// (null for none), replacing it by a new string. 1 on failure, `*text`
-// unchanged.
-int AppendUtf8(const char* fromcode, const char* in, size_t inlen, char** text);
+// (null for none), replacing it by a new string. On failure (as for
+// ConvertBuffer) `*text` is unchanged.
+Status AppendUtf8(const char* fromcode, const char* in, size_t inlen, char** text);
 
 // Frees `*buffer` (if any) and nulls it.
 void FreeBuffer(char** buffer);

@@ -5,13 +5,20 @@
 #include "text/transcode.h"
 #include "vrk_text.h"
 
+namespace {
+
+// The charconv functions' documented results: 0 for success, 1 for any failure.
+int Result(vrk::Status status) { return status == vrk::Status::kOk ? 0 : 1; }
+
+}  // namespace
+
 extern "C" {
 
 charconv_t* charconv_open(const char* tocode, const char* fromcode) noexcept {
   return vrk::text::OpenConverter(tocode, fromcode);
 }
 
-int charconv_close(charconv_t* conv) noexcept { return vrk::text::CloseConverter(conv); }
+int charconv_close(charconv_t* conv) noexcept { return Result(vrk::text::CloseConverter(conv)); }
 
 size_t charconv(charconv_t* conv, char** inbuf, size_t* inbytesleft, char** outbuf, size_t* outbytesleft) noexcept {
   return iconv(static_cast<iconv_t>(conv->cd), inbuf, inbytesleft, outbuf, outbytesleft);
@@ -19,11 +26,11 @@ size_t charconv(charconv_t* conv, char** inbuf, size_t* inbytesleft, char** outb
 
 int charconv_convert(const char* fromcode, const char* tocode, const char* in, size_t inlen, char** out,
                      size_t* outlen) noexcept {
-  return vrk::text::ConvertBuffer(fromcode, tocode, in, inlen, out, outlen);
+  return Result(vrk::text::ConvertBuffer(fromcode, tocode, in, inlen, out, outlen));
 }
 
 int charconv_ToUTF8(const char* fromcode, const char* in, size_t inlen, char** text) noexcept {
-  return vrk::text::AppendUtf8(fromcode, in, inlen, text);
+  return Result(vrk::text::AppendUtf8(fromcode, in, inlen, text));
 }
 
 void charconv_FreeBuffer(char** buffer) noexcept { vrk::text::FreeBuffer(buffer); }

@@ -11,13 +11,13 @@
 namespace vrk::text {
 namespace {
 
-constexpr charconv_CPEntry charconv_CPTable[] = {
+constexpr CodePageRow kCodePageTable[] = {
 #define VRK_CODEPAGE(number, name) {name, number},
 #include "text/codepage_table.inc"
 #undef VRK_CODEPAGE
 };
 
-static_assert(std::size(charconv_CPTable) == kCodePageRows);
+static_assert(std::size(kCodePageTable) == kCodePageRows);
 
 constexpr int ConstexprCompare(const char* a, const char* b) {
   while (*a && *a == *b) ++a, ++b;
@@ -27,7 +27,7 @@ constexpr int ConstexprCompare(const char* a, const char* b) {
 // The table's own order is what the "first name" fallback and the stable
 // sort by number both rely on.
 constexpr bool TableIsOrdered() {
-  const auto& t = charconv_CPTable;
+  const auto& t = kCodePageTable;
   for (uint32_t i = 1; i + 1 < kCodePageRows; ++i) {
     if (t[i - 1].codepage > t[i].codepage) return false;
     if (t[i - 1].codepage == t[i].codepage && ConstexprCompare(t[i - 1].name, t[i].name) >= 0) return false;
@@ -38,8 +38,8 @@ constexpr bool TableIsOrdered() {
 static_assert(TableIsOrdered(), "code-page rows must ascend by number, then name, and end with LAST");
 
 // Sorted copies, owned from load to unload; null when refused at load.
-constinit charconv_CPEntry* charconv_CPByNumber = nullptr;
-constinit charconv_CPEntry* charconv_CPByName = nullptr;
+constinit CodePageRow* g_by_number = nullptr;
+constinit CodePageRow* g_by_name = nullptr;
 
 // ASCII-only case folding, so that the result never depends on the
 // process's locale; sorting and searching use this same comparison.
@@ -53,31 +53,31 @@ int CompareNames(const char* a, const char* b) {
   }
 }
 
-using Compare = int (*)(const charconv_CPEntry&, const charconv_CPEntry&);
+using Compare = int (*)(const CodePageRow&, const CodePageRow&);
 
 // A stable sort that needs no scratch memory: binary insertion, each row
 // going behind the rows that compare equal to it.
-void StableSort(charconv_CPEntry* rows, uint32_t n, Compare compare) {
+void StableSort(CodePageRow* rows, uint32_t n, Compare compare) {
   for (uint32_t i = 1; i < n; ++i) {
-    const charconv_CPEntry row = rows[i];
-    charconv_CPEntry* slot = std::upper_bound(
-        rows, rows + i, row, [compare](const charconv_CPEntry& a, const charconv_CPEntry& b) { return compare(a, b) < 0; });
+    const CodePageRow row = rows[i];
+    CodePageRow* slot = std::upper_bound(
+        rows, rows + i, row, [compare](const CodePageRow& a, const CodePageRow& b) { return compare(a, b) < 0; });
     std::move_backward(slot, rows + i, rows + i + 1);
     *slot = row;
   }
 }
 
-charconv_CPEntry* SortedCopy(Compare compare) {
-  Block<charconv_CPEntry> copy = Block<charconv_CPEntry>::Calloc(kCodePageRows, sizeof(charconv_CPEntry));
+CodePageRow* SortedCopy(Compare compare) {
+  Block<CodePageRow> copy = Block<CodePageRow>::Calloc(kCodePageRows, sizeof(CodePageRow));
   if (!copy) return nullptr;
-  std::copy(std::begin(charconv_CPTable), std::end(charconv_CPTable), copy.get());
+  std::copy(std::begin(kCodePageTable), std::end(kCodePageTable), copy.get());
   StableSort(copy.get(), kCodePageRows, compare);
   return copy.release();
 }
 
 // The halving search: it stops at the first equal row it probes, which is
 // what decides the name returned for code pages with several names.
-const charconv_CPEntry* HalvingSearch(const charconv_CPEntry* rows, const charconv_CPEntry& key, Compare compare) {
+const CodePageRow* HalvingSearch(const CodePageRow* rows, const CodePageRow& key, Compare compare) {
   uint32_t lower = 0;
   uint32_t upper = kCodePageRows;
   while (lower < upper) {
@@ -95,48 +95,44 @@ const charconv_CPEntry* HalvingSearch(const charconv_CPEntry* rows, const charco
 }
 
 template <class Match>
-const charconv_CPEntry* Scan(Match match) {
-  for (const charconv_CPEntry& row : charconv_CPTable) {
+const CodePageRow* Scan(Match match) {
+  for (const CodePageRow& row : kCodePageTable) {
     if (match(row)) return &row;
   }
   return nullptr;
 }
 
-}  // namespace
-
-const charconv_CPEntry* CodePageTable() { return charconv_CPTable; }
-
-// A caller's key can be any 32-bit number, so no subtraction: it could
+// Row comparisons: by number, and by name under ASCII case folding. A
+// caller's key can be any 32-bit number, so no subtraction: it could
 // overflow for keys far from the table's values.
-int charconv_CompareCPNumber(const charconv_CPEntry& a, const charconv_CPEntry& b) {
+int CompareByNumber(const CodePageRow& a, const CodePageRow& b) {
   return (a.codepage > b.codepage) - (a.codepage < b.codepage);
 }
 
-int charconv_CompareCPName(const charconv_CPEntry& a, const charconv_CPEntry& b) { return CompareNames(a.name, b.name); }
+int CompareByName(const CodePageRow& a, const CodePageRow& b) { return CompareNames(a.name, b.name); }
 
-void charconv_InitCPIndex() {
-  charconv_CPByNumber = SortedCopy(charconv_CompareCPNumber);
-  charconv_CPByName = SortedCopy(charconv_CompareCPName);
+}  // namespace
+
+void BuildCodePageIndex() {
+  g_by_number = SortedCopy(CompareByNumber);
+  g_by_name = SortedCopy(CompareByName);
 }
 
-void charconv_FreeCPIndex() {
-  if (charconv_CPByNumber) Pfree(std::exchange(charconv_CPByNumber, nullptr));
-  if (charconv_CPByName) Pfree(std::exchange(charconv_CPByName, nullptr));
+void FreeCodePageIndex() {
+  if (g_by_number) Pfree(std::exchange(g_by_number, nullptr));
+  if (g_by_name) Pfree(std::exchange(g_by_name, nullptr));
 }
 
-int32_t CodePageOfName(const char* name) {
-  const charconv_CPEntry key{name, 0};
-  const charconv_CPEntry* row =
-      charconv_CPByName ? HalvingSearch(charconv_CPByName, key, charconv_CompareCPName)
-                        : Scan([name](const charconv_CPEntry& r) { return CompareNames(r.name, name) == 0; });
-  return row ? row->codepage : -1;
+const CodePageRow* RowOfName(const char* name) {
+  const CodePageRow key{name, 0};
+  return g_by_name ? HalvingSearch(g_by_name, key, CompareByName)
+                   : Scan([name](const CodePageRow& r) { return CompareNames(r.name, name) == 0; });
 }
 
 const char* NameOfCodePage(int32_t codepage) {
-  const charconv_CPEntry key{"", codepage};
-  const charconv_CPEntry* row =
-      charconv_CPByNumber ? HalvingSearch(charconv_CPByNumber, key, charconv_CompareCPNumber)
-                          : Scan([codepage](const charconv_CPEntry& r) { return r.codepage == codepage; });
+  const CodePageRow key{"", codepage};
+  const CodePageRow* row = g_by_number ? HalvingSearch(g_by_number, key, CompareByNumber)
+                                       : Scan([codepage](const CodePageRow& r) { return r.codepage == codepage; });
   return row ? row->name : nullptr;
 }
 

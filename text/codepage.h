@@ -6,7 +6,7 @@
 
 namespace vrk::text {
 
-struct charconv_CPEntry {
+struct CodePageRow {
   const char* name;
   int32_t codepage;
 };
@@ -14,21 +14,14 @@ struct charconv_CPEntry {
 // The number of rows, the closing "LAST" row included.
 inline constexpr uint32_t kCodePageRows = 408;
 
-// The constant table in its own order (ascending number, then name).
-const charconv_CPEntry* CodePageTable();
-
 // Builds and frees the two sorted copies (load and unload hooks). A copy the
 // allocator refuses stays absent and its lookup scans the table instead.
-void charconv_InitCPIndex();
-void charconv_FreeCPIndex();
+void BuildCodePageIndex();
+void FreeCodePageIndex();
 
-// The number of the row named `name` (ASCII case ignored), or -1.
-int32_t CodePageOfName(const char* name);
+// The row named `name` (ASCII case ignored), or null when none is.
+const CodePageRow* RowOfName(const char* name);
 // A name of code page `codepage`, or null when none has that number.
 const char* NameOfCodePage(int32_t codepage);
-
-// Row comparisons: by number, and by name under ASCII case folding.
-int charconv_CompareCPNumber(const charconv_CPEntry& a, const charconv_CPEntry& b);
-int charconv_CompareCPName(const charconv_CPEntry& a, const charconv_CPEntry& b);
 
 }  // namespace vrk::text

@@ -1,7 +1,9 @@
 // UTF-16 <-> UTF-8 transcoding. The cores convert between begin/end ranges
 // and stop when the output range has no room; the wrappers size, allocate,
 // grow, terminate and shrink the result with the exact allocator calls the
-// product's allocator accounts for.
+// product's allocator accounts for. Each core runs the widest version of
+// its loop that the processor has (kernels.h); every version converts and
+// stops exactly where the plain one does, so the calls stay the same.
 #pragma once
 
 #include <cstdint>

@@ -10,16 +10,16 @@ const uint8_t* NextChar(const uint8_t* s) {
   return s + LeadLength(*s);
 }
 
-int32_t CountChars(const uint8_t* s) {
+std::optional<int32_t> CountChars(const uint8_t* s) {
   int32_t count = 0;
   while (*s != 0) {
     const int32_t length = LeadLength(*s);
-    if (length < 0) return -1;
+    if (length < 0) return std::nullopt;
     // The stepped-over bytes are not checked for being continuation bytes,
     // only for not being the terminator: a lead byte right before the end
     // must not carry the walk past it.
     for (int32_t i = 1; i < length; ++i) {
-      if (s[i] == 0) return -1;
+      if (s[i] == 0) return std::nullopt;
     }
     ++count;
     s += length;

@@ -6,16 +6,17 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 namespace vrk::text {
 
 // Sequence length by the lead byte's high four bits; -1 for a continuation
 // byte, which cannot begin a character. 0xF8 to 0xFF count as 4-byte leads:
 // this library knows no 5- or 6-byte forms and does not reject them either.
-inline constexpr std::array<int32_t, 16> utf8leadlen = {1, 1, 1, 1, 1, 1, 1, 1, -1, -1, -1, -1, 2, 2, 3, 4};
+inline constexpr std::array<int32_t, 16> kLeadLength = {1, 1, 1, 1, 1, 1, 1, 1, -1, -1, -1, -1, 2, 2, 3, 4};
 
 // The length of the character whose lead byte is `lead` (1 to 4), or -1.
-constexpr int32_t LeadLength(uint8_t lead) { return utf8leadlen[lead >> 4]; }
+constexpr int32_t LeadLength(uint8_t lead) { return kLeadLength[lead >> 4]; }
 
 constexpr bool IsContinuation(uint8_t byte) { return (byte & 0xC0) == 0x80; }
 
@@ -39,10 +40,10 @@ constexpr bool IsValidChar(const uint8_t* s) {
 // continuation byte or at a malformed character.
 const uint8_t* NextChar(const uint8_t* s);
 
-// Characters before the terminator, or -1 when a continuation byte stands
+// Characters before the terminator; none when a continuation byte stands
 // where a character should begin or the last character is cut short by the
 // terminator. Never reads past the terminator.
-int32_t CountChars(const uint8_t* s);
+std::optional<int32_t> CountChars(const uint8_t* s);
 
 // Copies the longest run of whole valid characters of `src` that leaves room
 // for a terminator in `size` bytes, terminates it and returns its length.

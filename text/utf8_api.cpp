@@ -21,7 +21,10 @@ char* utf8nextchar(const char* s) noexcept {
   return const_cast<char*>(reinterpret_cast<const char*>(vrk::text::NextChar(Bytes(s))));
 }
 
-int utf8len(const char* s) noexcept { return vrk::text::CountChars(Bytes(s)); }
+int utf8len(const char* s) noexcept {
+  const std::optional<int32_t> count = vrk::text::CountChars(Bytes(s));
+  return count ? *count : -1;
+}
 
 size_t utf8strncpy(char* dst, const char* src, size_t size) noexcept {
   return vrk::text::CopyChars(reinterpret_cast<uint8_t*>(dst), Bytes(src), size);

@@ -16,17 +16,17 @@ constexpr CharSet kLabel = kAlphanum | kEscaped;
 // Read leniently: the fourth run may be empty and no run is held to 255.
 // Returns kOk with `p` after the runs and `runs` set (1 to 4), or kHostDot
 // when a "." stands where a run of digits belongs.
-int PreScanAddress(const char*& p, int& runs) {
+Scan PreScanAddress(const char*& p, int& runs) {
   int dots = 0;
   for (;;) {
-    if (*p == '.') return code::kHostDot;
+    if (*p == '.') return Scan::kHostDot;
     p = SkipUnits(p, kDigit);
     if (dots == 3 || *p != '.') break;
     ++p;
     ++dots;
   }
   runs = dots + 1;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 // hostname = *( domainlabel "." ) toplabel [ "." ]
@@ -34,19 +34,19 @@ int PreScanAddress(const char*& p, int& runs) {
 // Read from `p` (which may lie after digits and dots the address pre-scan
 // took): labels of alphanumerics and escapes joined by single "." and
 // inner "-". A "-" may end the last label.
-int ScanHostName(const char*& p) {
-  if (UnitIn(p, kLabel) == 0) return code::kHostStart;
+Scan ScanHostName(const char*& p) {
+  if (UnitIn(p, kLabel) == 0) return Scan::kHostStart;
   for (;;) {
     p = SkipUnits(p, kLabel);
     if (*p == '-') {
-      if (p[-1] == '.') return code::kDashAfterDot;
+      if (p[-1] == '.') return Scan::kDashAfterDot;
       ++p;
     } else if (*p == '.') {
-      if (p[-1] == '-') return code::kDotAfterDash;
-      if (p[-1] == '.') return code::kDoubleDot;
+      if (p[-1] == '-') return Scan::kDotAfterDash;
+      if (p[-1] == '.') return Scan::kDoubleDot;
       ++p;
     } else {
-      return code::kOk;
+      return Scan::kOk;
     }
   }
 }
@@ -55,15 +55,15 @@ int ScanHostName(const char*& p) {
 // Only the start of the last label is checked, and only when that label
 // follows a "." or starts the host: what follows a "-" (as in "x.1-a") is
 // left alone. One trailing "." is not a label.
-int CheckTopLabel(const char* host, const char* end) {
+Scan CheckTopLabel(const char* host, const char* end) {
   if (end > host && end[-1] == '.') --end;
   // The host text holds only alphanumerics, escapes, "-" and ".", so the last
   // run of alphanumerics and escapes ends at the last "-" or ".".
   const char* run = end;
   while (run > host && run[-1] != '.' && run[-1] != '-') --run;
-  if (run != host && run[-1] == '-') return code::kOk;
-  if (run == end) return code::kOk;
-  return (kAlpha.Has(static_cast<uint8_t>(*run)) || IsEscape(run)) ? code::kOk : code::kTopLabel;
+  if (run != host && run[-1] == '-') return Scan::kOk;
+  if (run == end) return Scan::kOk;
+  return (kAlpha.Has(static_cast<uint8_t>(*run)) || IsEscape(run)) ? Scan::kOk : Scan::kTopLabel;
 }
 
 }  // namespace
@@ -72,8 +72,8 @@ int CheckTopLabel(const char* host, const char* end) {
 // hostport = host [ ":" port ]
 // host     = hostname | IPv4address
 // port     = *digit
-int URI_ScanServer(URI_Record* record, const char** cursor) {
-  if (!cursor || !*cursor) return code::kFailed;
+Scan ScanServer(URI_Record* record, const char** cursor) {
+  if (!cursor || !*cursor) return Scan::kFailed;
   const char* const start = *cursor;
 
   // userinfo "@": stored up to its first "@" after decoding, so an escaped
@@ -82,7 +82,7 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
   const char* run_end = SkipUnits(start, kUserinfo);
   if (*run_end == '@') {
     ReleaseText(record->userinfo);
-    record->userinfo = URI_Unescape(start, int32_t(run_end - start) + 1, nullptr);
+    record->userinfo = Unescape(start, int32_t(run_end - start) + 1, nullptr);
     // An escaped NUL before the "@" has already ended the text.
     if (record->userinfo) {
       if (char* at = std::strchr(record->userinfo, '@')) *at = '\0';
@@ -97,12 +97,12 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
     ReleaseText(record->reg_name);
     ReleaseText(record->host);
     record->port = 0;
-    return code::kOk;
+    return Scan::kOk;
   }
 
   const char* p = host;
   int runs = 0;
-  if (int rc = PreScanAddress(p, runs); rc != code::kOk) return rc;
+  if (Scan rc = PreScanAddress(p, runs); rc != Scan::kOk) return rc;
   bool name = true;
   if (runs == 4) {
     if (*p == '.') {
@@ -112,8 +112,8 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
     }
   }
   if (name) {
-    if (int rc = ScanHostName(p); rc != code::kOk) return rc;
-    if (int rc = CheckTopLabel(host, p); rc != code::kOk) return rc;
+    if (Scan rc = ScanHostName(p); rc != Scan::kOk) return rc;
+    if (Scan rc = CheckTopLabel(host, p); rc != Scan::kOk) return rc;
   }
 
   ReleaseText(record->reg_name);
@@ -141,30 +141,30 @@ int URI_ScanServer(URI_Record* record, const char** cursor) {
     }
   }
   *cursor = p;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 // authority = server | reg_name
 // reg_name  = 1*( unreserved | escaped | "$" | "," | ";" | ":" | "@" | "&" | "=" | "+" )
 // A server must end the authority: one followed by anything but the end,
 // "/" or "?" is read again as a registry name.
-int URI_ScanAuthority(URI_Record* record, const char** cursor) {
-  if (!cursor || !*cursor) return code::kFailed;
+Scan ScanAuthority(URI_Record* record, const char** cursor) {
+  if (!cursor || !*cursor) return Scan::kFailed;
   const char* const start = *cursor;
-  if (URI_ScanServer(record, cursor) == code::kOk) {
+  if (ScanServer(record, cursor) == Scan::kOk) {
     const char c = **cursor;
-    if (c == '\0' || c == '/' || c == '?') return code::kOk;
+    if (c == '\0' || c == '/' || c == '?') return Scan::kOk;
   }
   *cursor = start;
   const uint32_t first = UnitIn(start, kRegName);
-  if (first == 0) return code::kBadAuthority;
+  if (first == 0) return Scan::kBadAuthority;
   const char* const end = SkipUnits(start + first, kRegName);
   ReleaseText(record->host);
   ReleaseText(record->userinfo);
   // The registry name keeps whatever port the server attempt read.
   StoreText(record->reg_name, start, end);
   *cursor = end;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 }  // namespace vrk::uri

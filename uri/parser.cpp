@@ -14,18 +14,18 @@ bool StartsWithTwo(const char* p, char c) { return p[0] == c && p[1] == c; }
 void ScanOptionalQuery(URI_Record* record, const char** p) {
   if (**p != '?') return;
   ++*p;
-  (void)URI_ScanQuery(record, p);
+  (void)ScanQuery(record, p);
 }
 
 // The rest of an abs_path once its slash is read: path_segments
-int ScanAbsPathRest(URI_Record* record, const char** p) {
+Scan ScanAbsPathRest(URI_Record* record, const char** p) {
   ++*p;
-  return URI_ScanPathSegments(record, p);
+  return ScanPathSegments(record, p);
 }
 
 }  // namespace
 
-uint32_t URI_IsNoBreakSpace(const char* position) {
+uint32_t NoBreakSpaceLength(const char* position) {
   const auto* p = reinterpret_cast<const uint8_t*>(position);
   if (p[0] == 0xC2 && p[1] == 0xA0) return 2;                 // U+00A0 NO-BREAK SPACE
   if (p[0] == 0xE2 && p[1] == 0x80 && p[2] == 0xAF) return 3;  // U+202F NARROW NO-BREAK SPACE
@@ -34,13 +34,13 @@ uint32_t URI_IsNoBreakSpace(const char* position) {
 }
 
 // absoluteURI = scheme ":" ( hier_part | opaque_part )
-int URI_ParseAbsolute(URI_Record* record, const char** cursor) {
+Scan ParseAbsolute(URI_Record* record, const char** cursor) {
   const char* p = *cursor;
-  if (int rc = URI_ScanScheme(record, &p); rc != code::kOk) return rc;
-  if (*p != ':') return code::kNotAbsolute;
+  if (Scan rc = ScanScheme(record, &p); rc != Scan::kOk) return rc;
+  if (*p != ':') return Scan::kNotAbsolute;
   ++p;
-  const int rc = (*p == '/' || *p == '\\') ? URI_ParseHierPart(record, &p) : URI_ScanOpaquePart(record, &p);
-  if (rc == code::kOk) *cursor = p;
+  const Scan rc = (*p == '/' || *p == '\\') ? ParseHierPart(record, &p) : ScanOpaquePart(record, &p);
+  if (rc == Scan::kOk) *cursor = p;
   return rc;
 }
 
@@ -49,22 +49,22 @@ int URI_ParseAbsolute(URI_Record* record, const char** cursor) {
 // abs_path  = "/" path_segments
 // Two backslashes stand for "//" here, as senders on Windows write them; a
 // backslash after the authority is not taken as the start of a path.
-int URI_ParseHierPart(URI_Record* record, const char** cursor) {
+Scan ParseHierPart(URI_Record* record, const char** cursor) {
   const char* p = *cursor;
-  int rc = code::kOk;
+  Scan rc = Scan::kOk;
   if (StartsWithTwo(p, '/') || StartsWithTwo(p, '\\')) {
     p += 2;
-    if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
+    if (Scan auth = ScanAuthority(record, &p); auth != Scan::kOk) return auth;
     if (*p == '/') rc = ScanAbsPathRest(record, &p);
   } else if (*p == '/') {
     rc = ScanAbsPathRest(record, &p);
   } else {
-    return code::kLoneBackslash;
+    return Scan::kLoneBackslash;
   }
-  if (rc != code::kOk) return rc;
+  if (rc != Scan::kOk) return rc;
   ScanOptionalQuery(record, &p);
   *cursor = p;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 // relativeURI = ( net_path | abs_path | rel_path ) [ "?" query ]
@@ -72,43 +72,43 @@ int URI_ParseHierPart(URI_Record* record, const char** cursor) {
 // Only "//" starts a network path here; a reference that is only a query or
 // a fragment has no path at all. Like the productions above, the cursor
 // moves only when the whole production matched.
-int URI_ParseRelative(URI_Record* record, const char** cursor) {
+Scan ParseRelative(URI_Record* record, const char** cursor) {
   const char* p = *cursor;
-  int rc = code::kOk;
+  Scan rc = Scan::kOk;
   if (StartsWithTwo(p, '/')) {
     p += 2;
-    if (int auth = URI_ScanAuthority(record, &p); auth != code::kOk) return auth;
+    if (Scan auth = ScanAuthority(record, &p); auth != Scan::kOk) return auth;
     if (*p == '/') rc = ScanAbsPathRest(record, &p);
   } else if (*p == '/') {
     rc = ScanAbsPathRest(record, &p);
   } else if (*p != '#' && *p != '?') {
-    if (int seg = URI_ScanRelSegment(record, &p); seg != code::kOk) return seg;
+    if (Scan seg = ScanRelSegment(record, &p); seg != Scan::kOk) return seg;
     if (*p == '/') rc = ScanAbsPathRest(record, &p);
   }
-  if (rc != code::kOk) return code::kFailed;
+  if (rc != Scan::kOk) return Scan::kFailed;
   ScanOptionalQuery(record, &p);
   *cursor = p;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 // URI-reference = [ absoluteURI | relativeURI ] [ "#" fragment ]
 // followed only by white space. The absolute reading wins whenever it
 // matches, even if the text then fails on what follows it.
-int URI_ParseReference(URI_Record* record, const char* text) {
-  if (!text) return code::kFailed;
-  URI_ClearRecord(record);
+Scan ParseReference(URI_Record* record, const char* text) {
+  if (!text) return Scan::kFailed;
+  ClearRecord(record);
   const char* cursor = text;
-  if (URI_ParseAbsolute(record, &cursor) != code::kOk) {
-    URI_ClearRecord(record);
+  if (ParseAbsolute(record, &cursor) != Scan::kOk) {
+    ClearRecord(record);
     cursor = text;
-    if (int rc = URI_ParseRelative(record, &cursor); rc != code::kOk) {
-      URI_ClearRecord(record);
+    if (Scan rc = ParseRelative(record, &cursor); rc != Scan::kOk) {
+      ClearRecord(record);
       return rc;
     }
   }
   if (*cursor == '#') {
     ++cursor;
-    (void)URI_ScanFragment(record, &cursor);
+    (void)ScanFragment(record, &cursor);
   }
   // References copied out of documents and mail often carry trailing blanks,
   // line ends or no-break spaces; nothing else may follow.
@@ -116,24 +116,24 @@ int URI_ParseReference(URI_Record* record, const char* text) {
     const char c = *cursor;
     if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
       ++cursor;
-    } else if (uint32_t n = URI_IsNoBreakSpace(cursor)) {
+    } else if (uint32_t n = NoBreakSpaceLength(cursor)) {
       cursor += n;
     } else if (c == '\0') {
-      return code::kOk;
+      return Scan::kOk;
     } else {
-      URI_ClearRecord(record);
-      return code::kNotAbsolute;
+      ClearRecord(record);
+      return Scan::kNotAbsolute;
     }
   }
 }
 
-URI_Record* URI_Parse(const char* text) {
+URI_Record* Parse(const char* text) {
   if (!text) return nullptr;
-  URI_Record* record = URI_NewRecord();
+  URI_Record* record = NewRecord();
   if (!record) return nullptr;
   if (*text == '\0') return record;
-  if (URI_ParseReference(record, text) != code::kOk) {
-    uri::URI_Free(record);
+  if (ParseReference(record, text) != Scan::kOk) {
+    uri::FreeRecord(record);
     return nullptr;
   }
   if (record->scheme) return record;
@@ -143,13 +143,13 @@ URI_Record* URI_Parse(const char* text) {
   // first reading stands.
   char* prefixed = WithDefaultPrefix(text);
   if (!prefixed) return record;
-  if (URI_ParseReference(record, prefixed) != code::kOk) {
-    uri::URI_Free(record);
+  if (ParseReference(record, prefixed) != Scan::kOk) {
+    uri::FreeRecord(record);
     record = nullptr;
   } else if (record->host && !HasInnerDot(record->host)) {
     // Only a dotted host makes the guess credible: "localhost/a" or a single
     // word was most likely not meant as a server.
-    uri::URI_Free(record);
+    uri::FreeRecord(record);
     record = nullptr;
   }
   Pfree(prefixed);

@@ -7,7 +7,7 @@
 
 namespace vrk::uri {
 
-URI_Record* URI_NewRecord() { return static_cast<URI_Record*>(Pcalloc(1, sizeof(URI_Record), 0)); }
+URI_Record* NewRecord() { return static_cast<URI_Record*>(Pcalloc(1, sizeof(URI_Record), 0)); }
 
 void ReleaseText(char*& text) {
   if (text) {
@@ -16,7 +16,7 @@ void ReleaseText(char*& text) {
   }
 }
 
-void URI_ClearRecord(URI_Record* record) {
+void ClearRecord(URI_Record* record) {
   if (!record) return;
   ReleaseText(record->scheme);
   ReleaseText(record->host);
@@ -28,13 +28,13 @@ void URI_ClearRecord(URI_Record* record) {
   ReleaseText(record->query);
 }
 
-void URI_Free(URI_Record* record) {
+void FreeRecord(URI_Record* record) {
   if (!record) return;
-  URI_ClearRecord(record);
+  ClearRecord(record);
   Pfree(record);
 }
 
-char* URI_Unescape(const char* text, int32_t length, char* destination) {
+char* Unescape(const char* text, int32_t length, char* destination) {
   if (!text) return nullptr;
   const uint32_t n = length > 0 ? uint32_t(length) : 0;
   char* out = destination ? destination : static_cast<char*>(Pmalloc(n + 1, 0));
@@ -66,7 +66,7 @@ char* URI_Unescape(const char* text, int32_t length, char* destination) {
 
 void StoreText(char*& field, const char* begin, const char* end) {
   ReleaseText(field);
-  field = URI_Unescape(begin, int32_t(end - begin), nullptr);
+  field = Unescape(begin, int32_t(end - begin), nullptr);
 }
 
 char* WithDefaultPrefix(const char* text) {

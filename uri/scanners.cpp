@@ -14,9 +14,9 @@ namespace {
 // from `first`, then any number of units from `rest`. On a match the decoded
 // span replaces `field` and the cursor moves past it; otherwise nothing
 // changes and `mismatch` is returned.
-int ScanComponent(const char** cursor, char*& field, const CharSet& first, const CharSet& rest, bool required,
-                  int mismatch) {
-  if (!cursor || !*cursor) return code::kFailed;
+Scan ScanComponent(const char** cursor, char*& field, const CharSet& first, const CharSet& rest, bool required,
+                  Scan mismatch) {
+  if (!cursor || !*cursor) return Scan::kFailed;
   const char* const begin = *cursor;
   const char* p = begin;
   if (required) {
@@ -27,37 +27,37 @@ int ScanComponent(const char** cursor, char*& field, const CharSet& first, const
   p = SkipUnits(p, rest);
   StoreText(field, begin, p);
   *cursor = p;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 }  // namespace
 
 // scheme = alpha *( alpha | digit | "+" | "-" | "." )
 // The ":" after it is the caller's to test and consume.
-int URI_ScanScheme(URI_Record* record, const char** cursor) {
-  return ScanComponent(cursor, record->scheme, kAlpha, kSchemeRest, true, code::kBadScheme);
+Scan ScanScheme(URI_Record* record, const char** cursor) {
+  return ScanComponent(cursor, record->scheme, kAlpha, kSchemeRest, true, Scan::kBadScheme);
 }
 
 // opaque_part = uric_no_slash *uric
-int URI_ScanOpaquePart(URI_Record* record, const char** cursor) {
-  return ScanComponent(cursor, record->opaque, kUricNoSlash, kUric, true, code::kNoMatch);
+Scan ScanOpaquePart(URI_Record* record, const char** cursor) {
+  return ScanComponent(cursor, record->opaque, kUricNoSlash, kUric, true, Scan::kNoMatch);
 }
 
 // rel_segment = 1*( unreserved | escaped | ";" | "@" | "&" | "=" | "+" | "$" | "," )
 // It starts the path of a relative reference, so it replaces any path.
-int URI_ScanRelSegment(URI_Record* record, const char** cursor) {
-  return ScanComponent(cursor, record->path, kRelSegment, kRelSegment, true, code::kNoMatch);
+Scan ScanRelSegment(URI_Record* record, const char** cursor) {
+  return ScanComponent(cursor, record->path, kRelSegment, kRelSegment, true, Scan::kNoMatch);
 }
 
 // query = *uric
-int URI_ScanQuery(URI_Record* record, const char** cursor) {
-  return ScanComponent(cursor, record->query, kUric, kUric, false, code::kOk);
+Scan ScanQuery(URI_Record* record, const char** cursor) {
+  return ScanComponent(cursor, record->query, kUric, kUric, false, Scan::kOk);
 }
 
 // fragment = *( uric | unwise )
 // Wider than the query: brackets, braces and backslashes stay in a fragment.
-int URI_ScanFragment(URI_Record* record, const char** cursor) {
-  return ScanComponent(cursor, record->fragment, kFragment, kFragment, false, code::kOk);
+Scan ScanFragment(URI_Record* record, const char** cursor) {
+  return ScanComponent(cursor, record->fragment, kFragment, kFragment, false, Scan::kOk);
 }
 
 // path_segments = segment *( "/" segment )
@@ -66,8 +66,8 @@ int URI_ScanFragment(URI_Record* record, const char** cursor) {
 // Read after a "/" the caller consumed; the backslash separates segments
 // too and is kept as written. The new path is the old one, "/" and the
 // decoded span, built in a fresh block of exactly that size.
-int URI_ScanPathSegments(URI_Record* record, const char** cursor) {
-  if (!cursor || !*cursor) return code::kFailed;
+Scan ScanPathSegments(URI_Record* record, const char** cursor) {
+  if (!cursor || !*cursor) return Scan::kFailed;
   const char* const begin = *cursor;
   const char* const end = SkipUnits(begin, kPathSegments);
   const uint32_t span = uint32_t(end - begin);
@@ -75,19 +75,19 @@ int URI_ScanPathSegments(URI_Record* record, const char** cursor) {
   auto* grown = static_cast<char*>(Pmalloc(old_length + 1 + span + 1, 0));
   if (!grown) {
     *cursor = end;
-    return code::kFailed;
+    return Scan::kFailed;
   }
   if (old_length) std::memcpy(grown, record->path, old_length);
   grown[old_length] = '/';
   if (span) {
-    URI_Unescape(begin, int32_t(span), grown + old_length + 1);
+    Unescape(begin, int32_t(span), grown + old_length + 1);
   } else {
     grown[old_length + 1] = '\0';
   }
   if (record->path) Pfree(record->path);
   record->path = grown;
   *cursor = end;
-  return code::kOk;
+  return Scan::kOk;
 }
 
 }  // namespace vrk::uri

@@ -4,27 +4,27 @@
 
 namespace vrk::uri {
 
-URI_Record* URI_GetServer(const char* text) {
+URI_Record* GetServer(const char* text) {
   if (!text) return nullptr;
-  URI_Record* record = URI_NewRecord();
+  URI_Record* record = NewRecord();
   if (!record) return nullptr;
   if (*text == '\0') return record;
 
   const char* cursor = text;
-  if (URI_ScanScheme(record, &cursor) != code::kOk) {
-    uri::URI_Free(record);
+  if (ScanScheme(record, &cursor) != Scan::kOk) {
+    uri::FreeRecord(record);
     return nullptr;
   }
   if (*cursor == ':') {
     // scheme ":" "//" authority; anything else after the ":" names no server.
     const char* p = cursor + 1;
     if (!((p[0] == '/' && p[1] == '/') || (p[0] == '\\' && p[1] == '\\'))) {
-      uri::URI_Free(record);
+      uri::FreeRecord(record);
       return nullptr;
     }
     p += 2;
-    if (URI_ScanAuthority(record, &p) != code::kOk) {
-      uri::URI_Free(record);
+    if (ScanAuthority(record, &p) != Scan::kOk) {
+      uri::FreeRecord(record);
       return nullptr;
     }
     return record;
@@ -33,15 +33,15 @@ URI_Record* URI_GetServer(const char* text) {
   // What looked like a scheme was the start of a name: read the whole text
   // again behind "http://". The prefixed text has a scheme, so this recurses
   // once only.
-  URI_ClearRecord(record);
-  uri::URI_Free(record);
+  ClearRecord(record);
+  uri::FreeRecord(record);
   char* prefixed = WithDefaultPrefix(text);
   if (!prefixed) return nullptr;
-  URI_Record* result = uri::URI_GetServer(prefixed);
+  URI_Record* result = uri::GetServer(prefixed);
   if (result) {
     const char* name = result->host ? result->host : result->reg_name;
     if (name && !HasInnerDot(name)) {
-      uri::URI_Free(result);
+      uri::FreeRecord(result);
       result = nullptr;
     }
   }

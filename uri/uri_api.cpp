@@ -4,10 +4,10 @@
 
 extern "C" {
 
-URI_Record* URI_Parse(const char* text) noexcept { return vrk::uri::URI_Parse(text); }
+URI_Record* URI_Parse(const char* text) noexcept { return vrk::uri::Parse(text); }
 
-void URI_Free(URI_Record* record) noexcept { vrk::uri::URI_Free(record); }
+void URI_Free(URI_Record* record) noexcept { vrk::uri::FreeRecord(record); }
 
-URI_Record* URI_GetServer(const char* text) noexcept { return vrk::uri::URI_GetServer(text); }
+URI_Record* URI_GetServer(const char* text) noexcept { return vrk::uri::GetServer(text); }
 
 }  // extern "C"

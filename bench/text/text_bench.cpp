@@ -132,10 +132,86 @@ std::vector<Pair> Pairs(bool mixed_script) {
   return pairs;
 }
 
+// Long ASCII pairs equal after folding: file paths of 64 to 320 bytes in
+// random case, where comparison runs far before it ends.
+std::vector<Pair> PathPairs() {
+  static const char* const kParts[] = {"Program Files", "Vendor", "Scanner", "Definitions", "quarantine", "Temp",
+                                       "Users", "Documents and Settings", "AppData", "Local", "cache", "x86"};
+  std::mt19937 rng(6);
+  std::vector<Pair> pairs(2000);
+  for (Pair& p : pairs) {
+    std::string path = "C:";
+    const size_t length = 64 + rng() % 257;
+    while (path.size() < length) path += std::string("/") + kParts[rng() % 12];
+    path.resize(length);
+    for (const char c : path) {
+      const bool up_a = rng() % 2, up_b = rng() % 2;
+      const char upper = c >= 'a' && c <= 'z' ? char(c - 32) : c;
+      p.a += up_a ? upper : c;
+      p.b += up_b ? upper : c;
+      p.a16 += char16_t(uint8_t(p.a.back()));
+      p.b16 += char16_t(uint8_t(p.b.back()));
+    }
+  }
+  return pairs;
+}
+
 const std::vector<Pair>& PairSet(int which) {
   static const std::vector<Pair> ascii = Pairs(false);
   static const std::vector<Pair> mixed = Pairs(true);
-  return which == 0 ? ascii : mixed;
+  static const std::vector<Pair> paths = PathPairs();
+  return which == 0 ? ascii : which == 1 ? mixed : paths;
+}
+
+// 4,096 short strings of the kind a scanner folds one at a time (names,
+// titles, paths), 27 bytes on average: words in mixed case joined by
+// separators, mostly ASCII, with about one word in five from Latin-1,
+// Greek or Cyrillic text, so ASCII runs are short and every string pays the
+// per-call costs.
+std::vector<std::string> FoldCorpus() {
+  static const char* const kAscii[] = {"Setup", "README", "the", "Driver", "update", "INSTALL", "config",
+                                       "Report", "data", "Photo", "Backup", "log", "TEMP", "invoice", "Music",
+                                       "final", "Draft", "system32", "User", "archive"};
+  static const char* const kOther[] = {"M\xC3\xBCller", "\xC3\x89" "COLE", "Stra\xC3\x9F" "e", "\xC3\x84rger",
+                                       "Se\xC3\xB1or", "\xCE\x95\xCE\xBB\xCE\xBB\xCE\xAC\xCE\xB4\xCE\xB1",
+                                       "\xCE\xA3\xCE\x9F\xCE\xA6\xCE\x99\xCE\x91",
+                                       "\xD0\x9C\xD0\xBE\xD1\x81\xD0\xBA\xD0\xB2\xD0\xB0",
+                                       "\xD0\x9E\xD0\xA2\xD0\xA7\xD0\x81\xD0\xA2", "Caf\xC3\xA9"};
+  static const char kSeparators[] = {' ', '_', '-', '.', ' ', '/'};
+  std::mt19937 rng(5);
+  std::vector<std::string> corpus(4096);
+  for (std::string& s : corpus) {
+    const size_t target = 8 + rng() % 35;
+    while (s.size() < target) {
+      if (!s.empty()) s += kSeparators[rng() % 6];
+      s += rng() % 5 == 0 ? kOther[rng() % 10] : kAscii[rng() % 20];
+    }
+  }
+  return corpus;
+}
+
+// The strings folded by foldstrict: the first string of each pair, or the
+// corpus.
+const std::vector<std::string>& FoldSet(int which) {
+  static const std::vector<std::string> sets[3] = {
+      [] {
+        std::vector<std::string> v;
+        for (const Pair& p : PairSet(0)) v.push_back(p.a);
+        return v;
+      }(),
+      [] {
+        std::vector<std::string> v;
+        for (const Pair& p : PairSet(1)) v.push_back(p.a);
+        return v;
+      }(),
+      FoldCorpus()};
+  return sets[which];
+}
+
+size_t TotalBytes(const std::vector<std::string>& strings) {
+  size_t n = 0;
+  for (const std::string& s : strings) n += s.size();
+  return n;
 }
 
 size_t PairBytes(const std::vector<Pair>& pairs) {
@@ -220,17 +296,15 @@ void IcmpVrk(benchmark::State& state, int which) {
 }
 
 void FoldVrk(benchmark::State& state, int which) {
-  const std::vector<Pair>& pairs = PairSet(which);
+  const std::vector<std::string>& strings = FoldSet(which);
   for (auto _ : state) {
-    for (const Pair& p : pairs) {
-      char* folded = utf8foldstrict(p.a.c_str(), 0);
+    for (const std::string& s : strings) {
+      char* folded = utf8foldstrict(s.c_str(), 0);
       benchmark::DoNotOptimize(folded);
       utf8freeresult(folded);
     }
   }
-  size_t bytes = 0;
-  for (const Pair& p : pairs) bytes += p.a.size();
-  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(TotalBytes(strings)));
 }
 
 #ifdef VRK_BENCH_ICU
@@ -275,23 +349,21 @@ void IcmpIcu(benchmark::State& state, int which) {
 
 // ICU folds UTF-8 directly into a buffer allocated per call.
 void FoldIcu(benchmark::State& state, int which) {
-  const std::vector<Pair>& pairs = PairSet(which);
+  const std::vector<std::string>& strings = FoldSet(which);
   UErrorCode error = U_ZERO_ERROR;
   UCaseMap* map = ucasemap_open("", U_FOLD_CASE_DEFAULT, &error);
   for (auto _ : state) {
-    for (const Pair& p : pairs) {
-      const int32_t capacity = int32_t(p.a.size() * 3 + 1);
+    for (const std::string& s : strings) {
+      const int32_t capacity = int32_t(s.size() * 3 + 1);
       char* out = static_cast<char*>(std::malloc(size_t(capacity)));
       error = U_ZERO_ERROR;
-      ucasemap_utf8FoldCase(map, out, capacity, p.a.data(), int32_t(p.a.size()), &error);
+      ucasemap_utf8FoldCase(map, out, capacity, s.data(), int32_t(s.size()), &error);
       benchmark::DoNotOptimize(out);
       std::free(out);
     }
   }
   ucasemap_close(map);
-  size_t bytes = 0;
-  for (const Pair& p : pairs) bytes += p.a.size();
-  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes));
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(TotalBytes(strings)));
 }
 #endif
 
@@ -301,7 +373,7 @@ using Body = void (*)(benchmark::State&, int);
 
 struct Group {
   const char* name;
-  const char* data[2];
+  const char* data[3];  // data set names, by the index the bodies take
   Body vrk;
   Body peers[2];
   const char* peer_names[2];
@@ -311,39 +383,48 @@ const Group kGroups[] = {
 #ifdef VRK_BENCH_ICU
     {"UTF16ToUTF8", {"ascii", "cjk"}, Utf16ToUtf8Vrk, {Utf16ToUtf8Icu, Utf16ToUtf8Iconv}, {"icu", "iconv"}},
     {"UTF8ToUTF16", {"ascii", "cjk"}, Utf8ToUtf16Vrk, {Utf8ToUtf16Icu, Utf8ToUtf16Iconv}, {"icu", "iconv"}},
-    {"icmp", {"ascii", "mixed"}, IcmpVrk, {IcmpIcu, nullptr}, {"icu", nullptr}},
-    {"foldstrict", {"ascii", "mixed"}, FoldVrk, {FoldIcu, nullptr}, {"icu", nullptr}},
+    {"icmp", {"ascii", "mixed", "paths"}, IcmpVrk, {IcmpIcu, nullptr}, {"icu", nullptr}},
+    {"foldstrict", {"ascii", "mixed", "corpus"}, FoldVrk, {FoldIcu, nullptr}, {"icu", nullptr}},
 #else
     {"UTF16ToUTF8", {"ascii", "cjk"}, Utf16ToUtf8Vrk, {Utf16ToUtf8Iconv, nullptr}, {"iconv", nullptr}},
     {"UTF8ToUTF16", {"ascii", "cjk"}, Utf8ToUtf16Vrk, {Utf8ToUtf16Iconv, nullptr}, {"iconv", nullptr}},
-    {"icmp", {"ascii", "mixed"}, IcmpVrk, {nullptr, nullptr}, {nullptr, nullptr}},
-    {"foldstrict", {"ascii", "mixed"}, FoldVrk, {nullptr, nullptr}, {nullptr, nullptr}},
+    {"icmp", {"ascii", "mixed", "paths"}, IcmpVrk, {nullptr, nullptr}, {nullptr, nullptr}},
+    {"foldstrict", {"ascii", "mixed", "corpus"}, FoldVrk, {nullptr, nullptr}, {nullptr, nullptr}},
 #endif
 };
 
-// Keeps the time per iteration of each run, to print peer/vrk ratios.
+// Keeps the least CPU time per iteration of each benchmark over its
+// repetitions (the run least disturbed by other work on the machine) and
+// prints peer/vrk ratios of those.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
-      if (run.iterations > 0) times_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+      if (run.iterations == 0 || run.run_type == Run::RT_Aggregate) continue;
+      const std::string name = run.run_name.str();
+      const double time = run.GetAdjustedCPUTime();
+      const auto it = times_.find(name);
+      if (it == times_.end() || time < it->second) times_[name] = time;
     }
     ConsoleReporter::ReportRuns(runs);
   }
   void PrintRatios() const {
-    std::printf("\nSpeed of libVrkutil relative to each peer (peer CPU time / libVrkutil CPU time):\n");
+    std::printf("\nBest CPU time per call and speed of libVrkutil relative to each peer "
+                "(peer CPU time / libVrkutil CPU time):\n");
     for (const Group& g : kGroups) {
       for (const char* data : g.data) {
+        if (data == nullptr) continue;
         const std::string base = std::string(g.name) + "/" + data + "/";
         const auto vrk = times_.find(base + "vrk");
         if (vrk == times_.end()) continue;
+        std::printf("  %-24s vrk %9.1f us", (std::string(g.name) + "/" + data).c_str(), vrk->second);
         for (const char* peer : g.peer_names) {
           if (peer == nullptr) continue;
           const auto other = times_.find(base + peer);
           if (other == times_.end()) continue;
-          std::printf("  %-24s vs %-6s %6.2fx\n", (std::string(g.name) + "/" + data).c_str(), peer,
-                      other->second / vrk->second);
+          std::printf("   %-5s %9.1f us %6.2fx", peer, other->second, other->second / vrk->second);
         }
+        std::printf("\n");
       }
     }
   }
@@ -356,7 +437,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
 int main(int argc, char** argv) {
   for (const Group& g : kGroups) {
-    for (int which = 0; which < 2; ++which) {
+    for (int which = 0; which < 3; ++which) {
+      if (g.data[which] == nullptr) continue;
       const std::string base = std::string(g.name) + "/" + g.data[which] + "/";
       benchmark::RegisterBenchmark((base + "vrk").c_str(), g.vrk, which)->Unit(benchmark::kMicrosecond);
       for (int p = 0; p < 2; ++p) {

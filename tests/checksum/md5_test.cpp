@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/alloc_trace.h"
 #include "tests/checksum/crc_reference.h"
 #include "vrk_checksum.h"
 #include "vrk_standin_ctl.h"
@@ -71,18 +72,15 @@ TEST(Md5, IncrementalEqualsOneShotAroundBlockBoundaries) {
 }
 
 TEST(Md5, AllocatesOneContextAndReleasesItInFinal) {
-  vrkalloc_log_enable(1);
+  vrk::test::AllocTrace trace;
   MD5_CTX* ctx = MD5Init();
   ASSERT_NE(ctx, nullptr);
   MD5Update(ctx, "abc", 3);
   unsigned char digest[16];
   MD5Final(ctx, digest);
-  vrkalloc_log_enable(0);
-  ASSERT_EQ(vrkalloc_log_size(), 2u);
-  const VrkAllocCall* first = vrkalloc_log_at(0);
-  EXPECT_TRUE(first->op == VRKALLOC_PCALLOC && first->a == 1 && first->b == 88 && first->c == 0);
-  EXPECT_EQ(vrkalloc_log_at(1)->op, VRKALLOC_PFREE);
-  EXPECT_EQ(vrkalloc_log_at(1)->block, first->result);
+  EXPECT_EQ(trace.Text(), "Pcalloc(1,88,0) Pfree ");
+  const auto calls = trace.Calls();
+  EXPECT_EQ(calls[1].block, calls[0].result);
 }
 
 TEST(Md5, RefusedContext) {

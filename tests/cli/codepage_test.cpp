@@ -1,7 +1,7 @@
 // vrkutil's own options and the codepage subcommand.
 #include <gtest/gtest.h>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ TEST(Cli, Codepage) {
   const Case cases[] = {
       {{"codepage", "utf-8"}, 0, "65001\n", ""},
       {{"codepage", "UTF-8", "65001", "0x4e4"}, 0, "65001\nutf-8\nx-ansi\n", ""},
-      {{"codepage", "-1"}, 0, "LAST\n", ""},
+      {{"codepage", "-1"}, 1, "", "no character set has code page -1"},  // the end marker
       {{"codepage", "utf8"}, 1, "", "unknown character-set name 'utf8'"},
       {{"codepage", "12345"}, 1, "", "no character set has code page 12345"},
       {{"codepage", "99999999999999999999999"}, 1, "", "unknown character-set name"},

@@ -6,7 +6,8 @@
 
 #include <string>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -32,8 +33,8 @@ TEST(Cli, PathSplitAndMake) {
       {{"path"}, 2, "", "expected split or make"},
       {{"path", "split"}, 2, "", "expected at least one PATH"},
       {{"path", "join"}, 2, "", "unknown action 'join'"},
-      {{"path", "make", "--dir"}, 2, "", "--dir needs a value"},
-      {{"path", "make", "--drive", "C"}, 2, "", "unknown argument '--drive'"},
+      {{"path", "make", "--dir"}, 2, "", "option '--dir' needs a value"},
+      {{"path", "make", "--drive", "C"}, 2, "", "unknown option '--drive'"},
   };
   for (const Case& c : cases) Check(c);
 }
@@ -59,8 +60,8 @@ TEST(Cli, OsActions) {
 }
 
 TEST(Cli, Tempname) {
-  char dir[] = "/tmp/vrkcli.XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
+  const vrk::test::TempDir scratch;
+  const char* dir = scratch.path().c_str();
   const char* old = getenv("TMPDIR");
   const std::string saved = old ? old : "";
   unsetenv("TMPDIR");
@@ -76,7 +77,6 @@ TEST(Cli, Tempname) {
     EXPECT_NE(access(r.out.substr(0, r.out.size() - 1).c_str(), F_OK), 0) << "no file is created";
   }
   if (old) setenv("TMPDIR", saved.c_str(), 1);
-  rmdir(dir);
 }
 
 }  // namespace

@@ -2,27 +2,28 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
+#include "support/temp_dir.h"
 
 namespace {
 
 using vrk::test::RunTool;
 
+// The sample tree that `vrkutil samples` writes, in a scratch folder.
 struct SampleDir {
-  std::string path;
-  SampleDir() {
-    char templ[] = "/tmp/vrk-cli-scan-XXXXXX";
-    path = mkdtemp(templ);
-    EXPECT_EQ(RunTool({"samples", path, "2000000"}).status, 0);
-  }
-  ~SampleDir() { (void)!std::system(("rm -rf '" + path + "'").c_str()); }
-  void Write(const std::string& rel, const std::string& text) const { std::ofstream(path + "/" + rel) << text; }
+  vrk::test::TempDir dir;
+  std::string path = dir.path();
+  SampleDir() { EXPECT_EQ(RunTool({"samples", path, "2000000"}).status, 0); }
+  void Write(const std::string& rel, const std::string& text) const { dir.Write(rel, text); }
 };
 
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// The standard anti-malware test string, which the default database finds.
+std::string_view TestString() {
+  return "X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*";
+}
 
 TEST(CliScan, ExitStatusTellsWhatWasFound) {
   SampleDir s;
@@ -52,6 +53,7 @@ TEST(CliScan, DatabasesAndTheirErrors) {
   s.Write("own.vdb", "# mine\nMine pattern 73 63 61 6E {0-2} 66 69 6C 65\n");
   s.Write("bad.vdb", "ok crc 1 1\nbroken crc 99 1\n");
   s.Write("refused.vdb", "P pattern 41 {1-3} 42\n");
+  s.Write("empty.vdb", "# nothing yet\n");
   const auto own = RunTool({"scan", "-d", s.path + "/own.vdb", s.path + "/clean/readme.txt"});
   EXPECT_EQ(own.status, 1);
   EXPECT_TRUE(Has(own.out, "readme.txt: Mine FOUND @ "));
@@ -63,8 +65,10 @@ TEST(CliScan, DatabasesAndTheirErrors) {
       {{"scan", "-d", s.path + "/bad.vdb", s.path}, s.path + "/bad.vdb:2: crc column"},
       {{"scan", "-d", s.path + "/refused.vdb", s.path}, s.path + "/refused.vdb:1: "},
       {{"scan", "-d", s.path + "/none.vdb", s.path}, "cannot read the database"},
+      {{"scan", "-d", s.path + "/empty.vdb", s.path}, "the databases hold no signature"},
+      {{"scan", "--max-filesize", "12X", s.path}, "--max-filesize needs a byte count"},
       {{"scan"}, "expected at least one PATH"},
-      {{"scan", "-j", "0", s.path}, "bad thread count"},
+      {{"scan", "-j", "0", s.path}, "-j needs a number from 1 to 256"},
       {{"scan", "-x", s.path}, "unknown option"},
   };
   for (const auto& e : errors) {
@@ -92,6 +96,50 @@ TEST(CliScan, SigDerivesLinesThatDetectTheSample) {
   const auto short_file = RunTool({"sig", "--column", "20", "X", s.path + "/infected/test-file.com"});
   EXPECT_EQ(short_file.status, 1);
   EXPECT_TRUE(Has(short_file.err, "too short for column 20"));
+  // Names the database reader would refuse are refused here first.
+  for (const char* name : {"bad name", "x#y", "\xEF\xBB\xBF" "Bom"}) {
+    EXPECT_EQ(RunTool({"sig", name, s.path + "/own/counting.bin"}).status, 2) << name;
+  }
+}
+
+// Output that a file's name cannot forge, for people and for programs, in
+// an order that does not depend on threads.
+TEST(CliScan, NamesJsonOrderAndInputs) {
+  SampleDir s;
+  const std::string forged = "evil\nfake.txt: Test.File.Pattern FOUND";
+  s.Write(forged, std::string(TestString()));
+  const auto human = RunTool({"scan", s.path + "/" + forged});
+  EXPECT_EQ(human.status, 1);
+  EXPECT_TRUE(Has(human.out, "\\" + s.path + "/evil\\nfake.txt: Test.File.Pattern FOUND: Test.File.Pattern FOUND @ 0\n"))
+      << human.out;
+
+  const auto json = RunTool({"scan", "--json", "--exclude", "*.bin", "-r", s.path + "/infected"});
+  EXPECT_EQ(json.status, 1);
+  EXPECT_TRUE(Has(json.out, "{\"file\": \"" + s.path + "/infected/test-file.com\", \"signature\": \"Test.File.Md5\"}\n"));
+  EXPECT_FALSE(Has(json.out, ".bin"));
+  EXPECT_TRUE(Has(json.out, "{\"summary\": {\"signatures\": 6, \"files\": 1, \"errors\": 0, \"skipped\": 0, "));
+
+  // --sort gives the same lines whatever the threads; standard input and a
+  // file list join the named paths; large files are skipped, not dropped.
+  s.Write("list", s.path + "/clean/readme.txt\n" + s.path + "/infected/test-file.com\n");
+  std::string first;
+  for (const char* jobs : {"1", "3"}) {
+    auto r = RunTool({"scan", "--sort", "-j", jobs, "--max-filesize", "1M", "--file-list", s.path + "/list", "-r",
+                      s.path, "-"},
+                     std::string(TestString()));
+    r.out.erase(r.out.find("Time: "));
+    if (first.empty()) first = r.out;
+    EXPECT_EQ(r.out, first);
+  }
+  EXPECT_TRUE(Has(first, "/large.bin: SKIPPED (2000000 bytes, over --max-filesize)\n")) << first;
+  EXPECT_TRUE(Has(first, "-: Test.File.Pattern FOUND @ 0\n-: Test.File.Md5 FOUND\n"));
+  EXPECT_TRUE(Has(first, "Errors: 0\nSkipped: 1\n"));
+
+  // An MD5 line with a size matches only a file of that size.
+  s.Write("sized.vdb", "Wrong md5 44d88612fea8a8f36de82e1278abb02f 69\nRight md5 44d88612fea8a8f36de82e1278abb02f 68\n");
+  const auto sized = RunTool({"scan", "-d", s.path + "/sized.vdb", s.path + "/infected/test-file.com"});
+  EXPECT_TRUE(Has(sized.out, "test-file.com: Right FOUND\n"));
+  EXPECT_TRUE(Has(sized.out, "Detections: 1\n")) << sized.out;
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // vrkutil uri: output blocks, JSON and exit statuses.
 #include <gtest/gtest.h>
 
-#include "run_tool.h"
+#include "support/run_tool.h"
 
 namespace {
 
@@ -29,6 +29,13 @@ TEST(UriCli, Runs) {
        "\"host\": \"h.example\", \"userinfo\": \"u\", \"path\": null, \"query\": null, \"fragment\": null, "
        "\"port\": 0}}\n"
        "{\"input\": \"localhost\", \"record\": null}\n",
+       ""},
+      // UTF-8 stays UTF-8; other bytes come back losslessly as surrogate escapes.
+      {{"uri", "--json", "http://h/caf%C3%A9%FF"},
+       0,
+       "{\"input\": \"http://h/caf%C3%A9%FF\", \"record\": {\"scheme\": \"http\", \"opaque\": null, "
+       "\"reg_name\": null, \"host\": \"h\", \"userinfo\": null, \"path\": \"/caf\xc3\xa9\\udcff\", \"query\": null, "
+       "\"fragment\": null, \"port\": 0}}\n",
        ""},
       {{"uri", "localhost/a"}, 1, "", "not a URI: 'localhost/a'"},
       // After "--" a text that looks like an option is parsed: "http://--x"

@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 
+#include "support/alloc_trace.h"
 #include "support/child_process.h"
 #include "support/codepage_rows.h"
 #include "vrk_standin_ctl.h"
@@ -153,29 +154,20 @@ TEST(Load, DescriptorZeroCountsAsNone) {
 
 TEST(Load, RegistersOnceBeforeAnyAllocation) {
   InChild([] {
-    vrkalloc_log_enable(1);
+    const vrk::test::AllocTrace trace;
     Library lib;
     CHILD_CHECK(lib.Load());
     const VrkModuleVersionRecord rec = vrkalloc_module_version();
     CHILD_CHECK(rec.calls == 1);
-    CHILD_CHECK(rec.module == 4);
-    CHILD_CHECK(rec.version == 0x01040309);
     CHILD_CHECK(rec.requests_before_first == 0);
-    // Registration, then the two sorted copies of the code-page table.
-    CHILD_CHECK(vrkalloc_log_size() == 3);
-    CHILD_CHECK(vrkalloc_log_at(0)->op == VRKALLOC_SETMODULEVERSION);
-    for (uint32_t i = 1; i <= 2; ++i) {
-      const VrkAllocCall* c = vrkalloc_log_at(i);
-      CHILD_CHECK(c->op == VRKALLOC_PCALLOC && c->a == 408 && c->b == 8 && c->c == 0);
-    }
-    void* by_number = vrkalloc_log_at(1)->result;
-    void* by_name = vrkalloc_log_at(2)->result;
+    // Registration, then the two sorted copies of the code-page table;
+    // unloading frees the number copy first, then the name copy.
+    CHILD_CHECK(trace.Text() == "SetModuleVersion(4,0x1040309) Pcalloc(408,8,0) Pcalloc(408,8,0) ");
     CHILD_CHECK(vrkalloc_live(VRKALLOC_FAMILY_P) == 2);
     CHILD_CHECK(lib.Unload());
-    // Unloading frees the number copy first, then the name copy.
-    CHILD_CHECK(vrkalloc_log_size() == 5);
-    CHILD_CHECK(vrkalloc_log_at(3)->op == VRKALLOC_PFREE && vrkalloc_log_at(3)->block == by_number);
-    CHILD_CHECK(vrkalloc_log_at(4)->op == VRKALLOC_PFREE && vrkalloc_log_at(4)->block == by_name);
+    const auto calls = trace.Calls();
+    CHILD_CHECK(trace.Text().ends_with("Pfree Pfree ") && calls.size() == 5);
+    CHILD_CHECK(calls[3].block == calls[1].result && calls[4].block == calls[2].result);
     CHILD_CHECK(vrkalloc_live(VRKALLOC_FAMILY_P) == 0);
     CHILD_CHECK(vrkalloc_module_version().calls == 1);
     return 0;

@@ -1,10 +1,8 @@
-// Helpers for the OS utility tests: a scratch folder removed with its
-// contents, folder chains of an exact path length, and guarded buffers.
+// Helpers for the OS utility tests: folder chains of an exact path length,
+// empty files and guarded buffers.
 #pragma once
 
 #include <fcntl.h>
-#include <ftw.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,26 +10,11 @@
 #include <cstdio>
 #include <string>
 
+#include "support/temp_dir.h"
+
 namespace osutil_test {
 
-class ScratchDir {
- public:
-  ScratchDir() {
-    char name[] = "/tmp/vrkosutil.XXXXXX";
-    if (mkdtemp(name)) path_ = name;
-  }
-  ~ScratchDir() {
-    auto remove = [](const char* p, const struct stat*, int, struct FTW*) { return std::remove(p); };
-    if (!path_.empty()) nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using ScratchDir = vrk::test::TempDir;
 
 // Creates folders below `base` until one's path is exactly `length`
 // characters long; returns it, or "" when mkdir failed.

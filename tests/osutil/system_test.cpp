@@ -15,6 +15,7 @@
 #include <string>
 
 #include "scratch.h"
+#include "support/alloc_trace.h"
 #include "support/child_process.h"
 #include "vrk_osutil.h"
 #include "vrk_standin_ctl.h"
@@ -220,7 +221,7 @@ TEST(AllocatorTraffic, NoFunctionAllocates) {
   ScratchDir scratch;
   const std::string file = scratch / "f.txt";
   ASSERT_TRUE(osutil_test::Touch(file));
-  vrkalloc_log_enable(1);
+  const vrk::test::AllocTrace trace;
   char dir[OSUTIL_MAX_PATH], fname[OSUTIL_MAX_FNAME], ext[OSUTIL_MAX_EXT], drive[4];
   OSUtil_splitpathUTF8(file.c_str(), drive, dir, fname, ext);
   OSUtil_makepathUTF8(dir, nullptr, "a", "b", "c");
@@ -233,8 +234,7 @@ TEST(AllocatorTraffic, NoFunctionAllocates) {
   (void)OSUtil_GetOSType();
   (void)OSUtil_GetOSVersion();
   (void)OSUtil_GetNULLSecurityAttr();
-  EXPECT_EQ(vrkalloc_log_size(), 0u);
-  vrkalloc_log_enable(0);
+  EXPECT_EQ(trace.Text(), "");
 }
 
 }  // namespace

@@ -123,6 +123,9 @@ TEST(PeRva, LookupsOfEachRva) {
       {0x6100, 3, 0x2F00, PE_RVA_PAST_SECTIONS, 3, 0x100, 0x2F00},  // past the last virtual size, inside its raw data
       {0x6200, 3, 0x3000, PE_RVA_PAST_SECTIONS, 3, 0, 0xDEAD},
       {0x9000, 3, 0x5E00, PE_RVA_PAST_SECTIONS, 3, 0, 0xDEAD},
+      // 2 GiB or more past the raw data the signed count wraps positive: the
+      // caller bounds the position by the file.
+      {0xF0000000, 3, 0xF0000000u - 0x6000 + 0x2E00, PE_RVA_PAST_SECTIONS, 3, 1024, 0xF0000000u - 0x6000 + 0x2E00},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.rva);

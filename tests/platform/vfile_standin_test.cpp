@@ -1,12 +1,16 @@
 // The virtual-file stand-in: files from memory and from disk, read by
 // copying or in place, with injected failures and the read log.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "support/temp_dir.h"
 #include "vrk_standin_ctl.h"
 #include "vrkvfile.h"
 
@@ -20,17 +24,10 @@ struct Handle {
   ~Handle() { vrkvfile_close(h); }
 };
 
-std::string TempFile(const char* contents, size_t size) {
-  char path[] = "/tmp/vrkvfile-test-XXXXXX";
-  const int fd = mkstemp(path);
-  EXPECT_GE(fd, 0);
-  EXPECT_EQ(write(fd, contents, size), ssize_t(size));
-  close(fd);
-  return path;
-}
 
 TEST(VFileStandin, ReadsInBothModes) {
-  const std::string path = TempFile(kText, 16);
+  const vrk::test::TempDir dir;
+  const std::string path = dir.Write("text", kText);
   struct Source {
     const char* what;
     VFileHandle handle;
@@ -72,7 +69,6 @@ TEST(VFileStandin, ReadsInBothModes) {
     EXPECT_EQ(c->result, 12u);
     EXPECT_EQ(c->in_place, s.in_place ? 1 : 0);
   }
-  unlink(path.c_str());
 }
 
 TEST(VFileStandin, InjectedFailures) {
@@ -98,13 +94,38 @@ TEST(VFileStandin, InjectedFailures) {
 TEST(VFileStandin, OpenCountsAndMissingFiles) {
   const uint32_t open = vrkvfile_open_count();
   EXPECT_EQ(vrkvfile_open_path("/nonexistent/file", VRKVFILE_COPY), nullptr);
+  EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(vrkvfile_open_path("/tmp", VRKVFILE_COPY), nullptr);  // not a regular file
+  EXPECT_EQ(errno, EISDIR);
   VFileHandle h = vrkvfile_open_memory(nullptr, 0, VRKVFILE_IN_MEMORY);
   ASSERT_NE(h, nullptr);
   EXPECT_EQ(VFilelength(h), 0u);
   EXPECT_EQ(vrkvfile_open_count(), open + 1);
   vrkvfile_close(h);
   EXPECT_EQ(vrkvfile_open_count(), open);
+}
+
+// Lengths and positions are 32-bit: a file of 2 GiB or more opens and reads
+// up to 4 GiB - 2 bytes; one of 4 GiB does not open, and says why.
+TEST(VFileStandin, LargeSparseFiles) {
+  const vrk::test::TempDir d;
+  const std::string path = d / "sparse";
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_LARGEFILE, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(pwrite64(fd, "end", 3, 0xC0000000ll), 3);  // 3 GiB in
+  {
+    Handle f(vrkvfile_open_path(path.c_str(), VRKVFILE_COPY));
+    ASSERT_NE(f.h, nullptr);
+    EXPECT_EQ(VFilelength(f.h), 0xC0000003u);
+    ASSERT_EQ(VSeek(f.h, -3, 2), 0);
+    char end[3];
+    EXPECT_EQ(VRead(end, 1, 3, f.h), 3u);
+    EXPECT_EQ(std::string(end, 3), "end");
+  }
+  ASSERT_EQ(ftruncate64(fd, 0x100000000ll), 0);
+  close(fd);
+  EXPECT_EQ(vrkvfile_open_path(path.c_str(), VRKVFILE_COPY), nullptr);
+  EXPECT_EQ(errno, EFBIG);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "scan/engine.h"
 #include "scan/samples.h"
 #include "search/pattern_reference.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -29,16 +30,11 @@ std::unique_ptr<CompiledDatabase> Compile(const std::string& text) {
   return compiled;
 }
 
+// A file holding `data` in a scratch folder of its own.
 struct TempFile {
+  vrk::test::TempDir dir;
   std::string path;
-  explicit TempFile(const std::string& data) {
-    char templ[] = "/tmp/vrk-scan-XXXXXX";
-    const int fd = mkstemp(templ);
-    path = templ;
-    EXPECT_EQ(write(fd, data.data(), data.size()), ssize_t(data.size()));
-    close(fd);
-  }
-  ~TempFile() { unlink(path.c_str()); }
+  explicit TempFile(const std::string& data) : path(dir.Write("data", data)) {}
 };
 
 std::string Found(const std::vector<Detection>& ds) {
@@ -52,8 +48,8 @@ std::string Found(const std::vector<Detection>& ds) {
 }
 
 TEST(Scan, DefaultDatabaseOnTheSampleTree) {
-  char templ[] = "/tmp/vrk-samples-XXXXXX";
-  const std::string dir = mkdtemp(templ);
+  const vrk::test::TempDir scratch;
+  const std::string& dir = scratch.path();
   std::string error;
   ASSERT_TRUE(vrk::scan::WriteSampleTree(dir, 3 << 20, error)) << error;
   auto db = Compile(std::string(vrk::scan::DefaultDatabaseText()));
@@ -77,7 +73,6 @@ TEST(Scan, DefaultDatabaseOnTheSampleTree) {
     EXPECT_EQ(report.error, "");
     EXPECT_EQ(Found(report.detections), c.found);
   }
-  (void)!std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 TEST(Scan, MatchesAcrossPieceBordersAreFoundOnce) {
@@ -182,7 +177,7 @@ TEST(Scan, DetectionsAreWhatTheSignaturesMean) {
 TEST(Scan, UnreadableFilesAndBadDatabases) {
   auto db = Compile("X md5 44d88612fea8a8f36de82e1278abb02f\n");
   ASSERT_TRUE(db);
-  EXPECT_EQ(db->ScanFile("/nonexistent/file").error, "cannot open");
+  EXPECT_EQ(db->ScanFile("/nonexistent/file").error, "No such file or directory");
 
   const struct {
     const char* text;

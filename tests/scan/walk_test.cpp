@@ -5,29 +5,25 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <fstream>
 
 #include "scan/walk.h"
+#include "support/temp_dir.h"
 
 namespace {
 
 struct TempTree {
-  std::string root;
-  TempTree() {
-    char templ[] = "/tmp/vrk-walk-XXXXXX";
-    root = mkdtemp(templ);
-  }
-  ~TempTree() { (void)!std::system(("rm -rf '" + root + "'").c_str()); }
-  void File(const std::string& rel) { std::ofstream(root + "/" + rel) << "x"; }
-  void Dir(const std::string& rel) { mkdir((root + "/" + rel).c_str(), 0755); }
-  void Link(const std::string& target, const std::string& rel) { (void)!symlink(target.c_str(), (root + "/" + rel).c_str()); }
+  vrk::test::TempDir dir;
+  std::string root = dir.path();
+  void File(const std::string& rel) { dir.Write(rel, "x"); }
+  void Dir(const std::string& rel) { dir.MakeDir(rel); }
+  void Link(const std::string& target, const std::string& rel) { dir.Link(target, rel); }
 };
 
-std::vector<std::string> Visit(const std::vector<std::string>& roots, bool recursive, std::vector<std::string>* problems = nullptr) {
+std::vector<std::string> Visit(const std::vector<std::string>& roots, bool recursive,
+                               std::vector<std::string>* problems = nullptr, std::vector<std::string> excludes = {}) {
   std::vector<std::string> files;
   vrk::scan::Walk(
-      roots, {recursive}, [&](const std::string& p) { files.push_back(p); },
+      roots, {recursive, std::move(excludes)}, [&](const std::string& p) { files.push_back(p); },
       [&](const std::string& p, const std::string&) {
         if (problems) problems->push_back(p);
       });

@@ -8,11 +8,14 @@
 #include <utility>
 #include <vector>
 
+#include "support/alloc_trace.h"
 #include "tests/checksum/crc_reference.h"
 #include "vrk_search.h"
 #include "vrk_standin_ctl.h"
 
 namespace {
+
+using vrk::test::AllocTrace;
 
 using vrk::test::RandomBytes;
 using vrk::test::ReferenceCrc32;
@@ -106,15 +109,13 @@ TEST(CrcFingerprint, MatchesTheRules) {
         SEARCH_CRCFingerprint f = Filled(before);
         Table table(1);
         List hits;
-        vrkalloc_log_enable(1);
+        AllocTrace trace;
         ASSERT_EQ(SEARCH_CRCFile(c.data.data(), length, 0, 0x1234, &f, 0, table.cells.data(), &hits.list), 1);
-        vrkalloc_log_enable(0);
+        trace.Stop();
         ASSERT_EQ(Words(f), ExpectedWords(c.data.data(), length, 0x1234, before));
-        ASSERT_EQ(vrkalloc_log_size(), uint32_t(length) < 2048 ? 2u : 0u);
-        if (vrkalloc_log_size() == 2) {
-          const VrkAllocCall *alloc = vrkalloc_log_at(0), *release = vrkalloc_log_at(1);
-          EXPECT_TRUE(alloc->op == VRKALLOC_PMALLOC && alloc->a == 2048u && alloc->b == 0u &&
-                      release->op == VRKALLOC_PFREE && release->block == alloc->result);
+        EXPECT_EQ(trace.Text(), uint32_t(length) < 2048 ? "Pmalloc(2048,0) Pfree " : "");
+        if (const auto calls = trace.Calls(); calls.size() == 2) {
+          EXPECT_EQ(calls[1].block, calls[0].result);
         }
       }
     }
@@ -174,14 +175,14 @@ TEST(CrcMatch, NullArgumentsDoNothing) {
   Table table(1);
   SEARCH_CRCTblEntry* t = table.cells.data();
   List hits;
-  vrkalloc_log_enable(1);
+  AllocTrace trace;
   EXPECT_EQ(SEARCH_CRCFile(nullptr, 8, 0, 1, &f, 0, t, &hits.list), 0);
   EXPECT_EQ(SEARCH_CRCFile(d, 8, 0, 1, nullptr, 0, t, &hits.list), 0);
   EXPECT_EQ(SEARCH_CRCFile(d, 8, 0, 1, &f, 0, nullptr, &hits.list), 0);
   EXPECT_EQ(SEARCH_CRCFile(d, 8, 0, 1, &f, 0, t, nullptr), 0);
   EXPECT_EQ(SEARCH_CRCFile(nullptr, 8, 0, 1, &f, 1, t, &hits.list), 0);
-  vrkalloc_log_enable(0);
-  EXPECT_EQ(vrkalloc_log_size(), 0u);
+  trace.Stop();
+  EXPECT_EQ(trace.Text(), "");
   EXPECT_EQ(Words(f), Words(Filled(kSentinel)));
   SEARCH_CRCFree(nullptr);
   SEARCH_CRCFree(&hits.list);  // no entries yet: nothing to release
@@ -226,20 +227,19 @@ TEST(CrcHitList, GrowsBy100AndDropsWhatItCannotHold) {
     SCOPED_TRACE(c.count);
     List hits;
     vrkalloc_reset();
-    vrkalloc_log_enable(1);
+    AllocTrace trace;
     c.refuse();
     EXPECT_EQ(SEARCH_CRC(crcs.data(), 250, 3, 7, &hits.list), c.count);
-    vrkalloc_log_enable(0);
+    trace.Stop();
     EXPECT_EQ(hits.list.capacity, c.capacity);
     for (uint32_t i = 0; i < c.count; ++i) {
       ASSERT_EQ(hits.list.entries[i].position, i < c.missing_from ? i : i - c.missing_from + c.missing_to);
     }
     uint32_t capacity = 0;
     void* block = nullptr;
-    for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) {
-      const VrkAllocCall* call = vrkalloc_log_at(i);
-      EXPECT_TRUE(call->op == VRKALLOC_PREALLOC && call->a == capacity * 8 + 800 && call->block == block) << i;
-      if (!call->refused) capacity += 100, block = call->result;
+    for (const VrkAllocCall& call : trace.Calls()) {
+      EXPECT_TRUE(call.op == VRKALLOC_PREALLOC && call.a == capacity * 8 + 800 && call.block == block) << capacity;
+      if (!call.refused) capacity += 100, block = call.result;
     }
     EXPECT_EQ(capacity, c.capacity);
     vrkalloc_reset();  // the list grows again once the allocator agrees

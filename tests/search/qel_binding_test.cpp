@@ -17,9 +17,12 @@
 #include "search/named_table.h"
 #include "search/pattern_reference.h"
 #include "support/child_process.h"
+#include "support/temp_dir.h"
 #include "vrk_search.h"
 
 namespace {
+
+using vrk::test::TempDir;
 
 using vrk::search::builder::Table;
 using vrk::test::Hits;
@@ -51,12 +54,10 @@ void RunChildCase(const std::string& name, const std::string& search_path, const
 }
 
 TEST(QelBinding, MissingModuleIsTriedOnce) {
-  char dir[] = "/tmp/vrk_qel_dir_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  RunChildCase("MissingModuleIsTriedOnce", dir,
-               {{"QEL_FILL_DIR", dir}, {"QEL_COMPLETE", kDoubles + "/complete/qel.dll"}});
-  unlink((std::string(dir) + "/qel.dll").c_str());
-  rmdir(dir);
+  const TempDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  RunChildCase("MissingModuleIsTriedOnce", dir.path(),
+               {{"QEL_FILL_DIR", dir.path()}, {"QEL_COMPLETE", kDoubles + "/complete/qel.dll"}});
 }
 
 // A module offering pattern search takes every search over, whether or not

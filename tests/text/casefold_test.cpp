@@ -130,6 +130,50 @@ TEST(Icmp, Cases) {
   EXPECT_EQ(utf8icmp("a", nullptr, 0), UTF8_ERR_NULLARG);
 }
 
+// ---- Long runs of ASCII (the vector paths) ----
+
+// Long strings of ASCII in mixed case, with one other character at each
+// position: folding a string equals folding its two halves split at that
+// character, and the comparison finds each kind of difference wherever it
+// is, across the vector widths and the windows in which the comparison
+// learns how far the strings go (256 bytes, then 512).
+TEST(FoldLongRuns, EveryPositionAcrossVectorsAndWindows) {
+  std::string base;
+  for (int i = 0; i < 700; ++i) base += "Path/To/Some FILE_name-0123 "[i % 28];
+  const std::string lower = FoldString(base);
+  const struct {
+    const char* name;
+    std::string a, b;  // put at the position in the two strings
+    int flags, order;
+  } kChanges[] = {
+      {"letters differ", "B", "c", 0, -1},
+      {"case only", "Q", "q", 0, 0},
+      {"U+00C9 against U+00E9", U8({0xC9}), U8({0xE9}), 0, 0},
+      {"Turkic I against i", "I", "i", UTF8_FOLD_TURKIC, 1},
+      {"I against i", "I", "i", 0, 0},
+      {"b ends first", "x", "", 0, 1},
+      {"a stray byte in both", "\x80", "\x80", 0, UTF8_ERR_INVALID},
+  };
+  for (size_t at = 0; at < 700; at += at < 80 ? 1 : 13) {
+    SCOPED_TRACE(at);
+    for (const auto& c : kChanges) {
+      SCOPED_TRACE(c.name);
+      const std::string a = base.substr(0, at) + c.a + base.substr(at);
+      const std::string b = c.b.empty() ? base.substr(0, at) : base.substr(0, at) + c.b + base.substr(at);
+      ASSERT_EQ(utf8icmp(a.c_str(), b.c_str(), c.flags), c.order);
+      if (c.order == -1 || c.order == 1) {
+        ASSERT_EQ(utf8icmp(b.c_str(), a.c_str(), c.flags), -c.order);
+      }
+    }
+    const std::string s = base.substr(0, at) + U8({0xC9}) + base.substr(at);
+    for (const int flags : {0, UTF8_FOLD_TURKIC}) {
+      ASSERT_EQ(FoldStrict(s, flags), FoldStrict(s.substr(0, at + 2), flags) + FoldStrict(s.substr(at + 2), flags));
+    }
+    ASSERT_EQ(FoldString(s), lower.substr(0, at) + U8({0xE9}) + lower.substr(at));
+    ASSERT_EQ(FoldString(base.substr(0, at) + "\x80" + base.substr(at)), lower.substr(0, at) + "\x80" + base.substr(at));
+  }
+}
+
 // ---- Every record ----
 
 // The first record of a source that a filter admits wins; the table's order

@@ -1,11 +1,11 @@
 // Helpers for the text tests: a UTF-8 encoder written from the encoding's
-// definition, and the allocator call log rendered as one line so that a
-// test states the exact sequence of calls it expects.
+// definition, and the allocator call log as one line of text, taken around
+// a call in two steps.
 #pragma once
 
-#include <cstdio>
 #include <string>
 
+#include "support/alloc_trace.h"
 #include "vrk_standin_ctl.h"
 
 namespace vrk::test {
@@ -27,29 +27,10 @@ inline std::string U8(std::initializer_list<char32_t> code_points) {
 // Starts logging (clearing earlier entries).
 inline void StartTrace() { vrkalloc_log_enable(1); }
 
-// The calls logged since StartTrace, e.g. "Pmalloc(2048,0) Prealloc(11) ";
-// a refused request ends in '!', a free of a null block reads "Pfree(null)".
+// The calls logged since StartTrace as AllocTrace renders them; ends the log.
 inline std::string Trace() {
-  std::string out;
-  char item[64];
-  for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) {
-    const VrkAllocCall& c = *vrkalloc_log_at(i);
-    const char* refused = c.refused ? "!" : "";
-    const char* null_free = c.block ? "" : "(null)";
-    switch (c.op) {
-      case VRKALLOC_PMALLOC: std::snprintf(item, sizeof item, "Pmalloc(%u,%u)%s ", c.a, c.b, refused); break;
-      case VRKALLOC_PCALLOC: std::snprintf(item, sizeof item, "Pcalloc(%u,%u,%u)%s ", c.a, c.b, c.c, refused); break;
-      case VRKALLOC_PREALLOC:
-        std::snprintf(item, sizeof item, "Prealloc(%s%u)%s ", c.block ? "" : "null,", c.a, refused);
-        break;
-      case VRKALLOC_PFREE: std::snprintf(item, sizeof item, "Pfree%s ", null_free); break;
-      case VRKALLOC_PSAFEFREE: std::snprintf(item, sizeof item, "PSafeFree%s ", null_free); break;
-      default: std::snprintf(item, sizeof item, "op%d ", c.op);
-    }
-    out += item;
-  }
   vrkalloc_log_enable(0);
-  return out;
+  return AllocTrace::Text(AllocTrace::Logged());
 }
 
 }  // namespace vrk::test

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/alloc_trace.h"
 #include "support/leak_check.h"
 #include "uri_test_util.h"
 
@@ -92,12 +93,9 @@ std::vector<Scenario> Scenarios() {
 // The allocator calls made while `run` executes.
 template <typename Run>
 std::vector<VrkAllocCall> Logged(Run run) {
-  vrkalloc_log_enable(1);
+  vrk::test::AllocTrace trace;
   run();
-  vrkalloc_log_enable(0);
-  std::vector<VrkAllocCall> calls;
-  for (uint32_t i = 0; i < vrkalloc_log_size(); ++i) calls.push_back(*vrkalloc_log_at(i));
-  return calls;
+  return trace.Calls();
 }
 
 // The bytes each allocation of `calls` asked for, in order.

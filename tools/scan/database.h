@@ -4,8 +4,10 @@
 //
 //   # comment (also after a signature: " # ...")
 //   NAME crc COLUMN VALUE     CRC fingerprint word COLUMN (1-37) equals VALUE
+//                             (hex, with or without 0x, as fingerprint prints)
 //   NAME pattern HEX...       byte pattern, hex bytes with {MIN-MAX} gaps
-//   NAME md5 HEX32            MD5 of a whole file
+//   NAME md5 HEX32 [SIZE]     MD5 of a whole file (of SIZE bytes: only files
+//                             of a listed size are then hashed)
 //
 // NAME is made of letters, digits and . _ - / : characters.
 #pragma once
@@ -30,6 +32,7 @@ struct Signature {
   uint32_t crc = 0;                   // kCrc
   std::string_view pattern;           // kPattern: the text after "pattern"
   std::array<uint8_t, 16> md5{};      // kMd5
+  int64_t size = -1;                  // kMd5: the file's size, -1 when not given
   const std::string* source = nullptr;  // the name of the file it came from
   size_t line = 0;
 
@@ -49,7 +52,17 @@ struct Database {
   std::vector<Signature> signatures;
   std::deque<std::string> texts;    // each database's text, as read
   std::deque<std::string> sources;  // each database's name
+  // "file:line: message" for what is legal but probably a mistake (a name
+  // used twice).
+  std::vector<std::string> warnings;
 };
+
+// Whether `name` may name a signature; otherwise the reason, for a message.
+bool ValidSignatureName(std::string_view name, std::string& why);
+
+// `text` for a message: bytes outside printable ASCII as \xNN, and a UTF-8
+// byte-order mark named as such (it is invisible in most editors).
+std::string Visible(std::string_view text);
 
 // Parses `text`, naming it `source` in messages. On success appends every
 // signature to `db` and returns true; on the first error leaves `db` as it

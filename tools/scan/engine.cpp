@@ -6,6 +6,7 @@
 #include <span>
 #include <utility>
 
+#include "io/file_input.h"
 #include "vrk_checksum.h"
 #include "vrk_standin_ctl.h"
 #include "vrkvfile.h"
@@ -66,13 +67,6 @@ bool Matches(std::span<const builder::Element> e, size_t k, const unsigned char*
   return true;
 }
 
-// A virtual file closed when it goes out of scope.
-struct OpenFile {
-  VFileHandle handle;
-  explicit OpenFile(const std::string& path) : handle(vrkvfile_open_path(path.c_str(), VRKVFILE_COPY)) {}
-  ~OpenFile() { vrkvfile_close(handle); }
-};
-
 // An MD5 context that is always finished, so none leaks on early returns.
 struct Md5 {
   MD5_CTX* ctx = nullptr;
@@ -112,7 +106,7 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
         crc_cells[sig.column].emplace_back(sig.crc, number);
         break;
       case SignatureKind::kMd5:
-        out->md5_.emplace_back(sig.md5, number);
+        out->md5_.push_back({sig.md5, sig.size, number});
         break;
       case SignatureKind::kPattern: {
         std::string reason;
@@ -148,7 +142,17 @@ std::unique_ptr<CompiledDatabase> CompiledDatabase::Compile(const Database& db, 
     out->crc_cells_used_ = true;
   }
 
-  std::sort(out->md5_.begin(), out->md5_.end());
+  std::stable_sort(out->md5_.begin(), out->md5_.end());
+  // When every MD5 signature gives its file's size, only files of those
+  // sizes are hashed.
+  for (const Md5Signature& m : out->md5_) {
+    if (m.size < 0) {
+      out->md5_sizes_.clear();
+      break;
+    }
+    out->md5_sizes_.push_back(m.size);
+  }
+  std::sort(out->md5_sizes_.begin(), out->md5_sizes_.end());
   return out;
 }
 
@@ -332,23 +336,43 @@ void CompiledDatabase::CrcDetections(const unsigned char* head, uint32_t length,
   SEARCH_CRCFree(&hits);
 }
 
+bool CompiledDatabase::WantsMd5(int64_t size) const {
+  if (!has_md5()) return false;
+  if (size < 0 || md5_sizes_.empty()) return true;
+  return std::binary_search(md5_sizes_.begin(), md5_sizes_.end(), size);
+}
+
 FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) const {
+  if (path == "-") {
+    vrktool::InputStream input;
+    if (!input.Open("-")) return FileReport{{}, 0, input.error()};
+    return Scan([&](unsigned char* into, uint32_t want, uint32_t& got) { return input.Read(into, want, got); }, -1,
+                chunk);
+  }
+  vrktool::VFile file;
+  if (!file.Open(path.c_str())) return FileReport{{}, 0, file.error()};
+  const uint32_t size = VFilelength(file.handle());
+  if (size == 0xffffffffu) return FileReport{{}, 0, "cannot tell the length"};
+  uint32_t read_total = 0;
+  FileReport report = Scan(
+      [&](unsigned char* into, uint32_t want, uint32_t& got) {
+        got = VRead(into, 1, want, file.handle());
+        read_total += got;
+        return got != 0 || read_total >= size;  // ending short of the length is a read error
+      },
+      size, chunk);
+  return report;
+}
+
+template <class Read>
+FileReport CompiledDatabase::Scan(Read read, int64_t size, uint32_t chunk) const {
   FileReport report;
-  OpenFile file(path);
-  if (!file.handle) {
-    report.error = "cannot open";
-    return report;
-  }
-  const uint32_t size = VFilelength(file.handle);
-  if (size == 0xffffffffu) {
-    report.error = "cannot tell the length";
-    return report;
-  }
   chunk = std::max<uint32_t>(chunk, kFingerprintBytes);
   const uint32_t overlap = longest_pattern_ + 1;
   // Small files get a small buffer; each thread keeps its own between files
   // (never zero-filled: only bytes read are looked at).
-  const size_t wanted = size_t(std::min(chunk, std::max(size, 1u))) + overlap;
+  const uint32_t expected = size < 0 ? chunk : static_cast<uint32_t>(std::max<int64_t>(size, 1));
+  const size_t wanted = size_t(std::min(chunk, expected)) + overlap;
   thread_local std::unique_ptr<unsigned char[]> storage;
   thread_local size_t storage_size = 0;
   if (storage_size < wanted) {
@@ -356,7 +380,7 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
     storage_size = wanted;
   }
   const std::span<unsigned char> buffer(storage.get(), wanted);
-  Md5 md5(has_md5());
+  Md5 md5(WantsMd5(size));
   thread_local PatternScan scan;
   if (has_patterns()) {
     // Room for every hit at one position (each pattern under both rules),
@@ -371,15 +395,32 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
   // the start positions [base, base + chunk): every start position of the
   // file is tried exactly once, and a match starting there lies wholly in
   // the buffer because the overlap covers the longest pattern.
-  uint32_t base = 0, filled = 0, read_total = 0;
+  uint64_t base = 0, read_total = 0;
+  uint32_t filled = 0;
   bool first_round = true;  // the fingerprint reads the file's first bytes
   while (true) {
-    const uint32_t want = uint32_t(buffer.size()) - filled;
-    const uint32_t got = want ? VRead(buffer.data() + filled, 1, want, file.handle) : 0;
-    md5.Update(buffer.data() + filled, got);
-    filled += got;
-    read_total += got;
-    const bool at_end = read_total >= size || got < want;
+    // Fill the buffer: a stream delivers what it has, so read until the
+    // buffer is full or the input ends.
+    bool at_end = false;
+    while (filled < buffer.size()) {
+      uint32_t got = 0;
+      if (!read(buffer.data() + filled, uint32_t(buffer.size()) - filled, got)) {
+        report.error = "read error after " + std::to_string(read_total) + " bytes";
+        at_end = true;
+        break;
+      }
+      md5.Update(buffer.data() + filled, got);
+      filled += got;
+      read_total += got;
+      if (got == 0 || (size >= 0 && read_total >= uint64_t(size))) {
+        at_end = true;
+        break;
+      }
+    }
+    if (read_total > 0xFFFFFFFEu) {
+      report.error = "input of 4 GiB or more (offsets are 32-bit)";
+      break;
+    }
 
     if (first_round) {
       if (has_crcs()) CrcDetections(buffer.data(), std::min(filled, kFingerprintBytes), report.detections);
@@ -393,7 +434,7 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
       const uint32_t anchors = at_end ? filled - 1 : std::min(chunk + longest_lead_, filled - 1);
       SearchRound(buffer.data(), filled, anchors, at_end ? filled : chunk, base, scan, report.detections);
     }
-    if (at_end || (!has_patterns() && !has_md5())) break;
+    if (at_end || (!has_patterns() && !md5.ctx)) break;
     // Keep the bytes behind this round's start positions for the next.
     const uint32_t keep = filled > chunk ? filled - chunk : 0;
     std::memmove(buffer.data(), buffer.data() + (filled - keep), keep);
@@ -401,12 +442,14 @@ FileReport CompiledDatabase::ScanFile(const std::string& path, uint32_t chunk) c
     filled = keep;
   }
   report.bytes = read_total;
-  if (read_total < size) report.error = "read failed";
+  if (!report.error.empty()) return report;
 
   std::array<uint8_t, 16> digest;
   if (md5.Final(digest)) {
-    auto it = std::lower_bound(md5_.begin(), md5_.end(), std::make_pair(digest, -1));
-    for (; it != md5_.end() && it->first == digest; ++it) report.detections.push_back({Name(it->second), false, 0});
+    auto it = std::lower_bound(md5_.begin(), md5_.end(), Md5Signature{digest, 0, 0});
+    for (; it != md5_.end() && it->digest == digest; ++it) {
+      if (it->size < 0 || uint64_t(it->size) == read_total) report.detections.push_back({Name(it->signature), false, 0});
+    }
   }
   return report;
 }

@@ -47,6 +47,7 @@ class CompiledDatabase {
   // Scans one file, reading it in pieces of `chunk` bytes (plus the overlap
   // that a match across a piece border needs). Safe to call from several
   // threads at once. Each pattern is reported once, at its first offset.
+  // Path "-" is standard input, scanned as it streams in.
   FileReport ScanFile(const std::string& path, uint32_t chunk = 1u << 20) const;
 
  private:
@@ -84,6 +85,12 @@ class CompiledDatabase {
   uint32_t FirstStart(const PatternEntry& entry, const unsigned char* data, uint32_t length, uint32_t anchors,
                       uint32_t starts) const;
   void CrcDetections(const unsigned char* head, uint32_t length, std::vector<Detection>& out) const;
+  // Scans bytes delivered by `read` (false on a read error). `size` is the
+  // length when known in advance, else -1.
+  template <class Read>
+  FileReport Scan(Read read, int64_t size, uint32_t chunk) const;
+  // Whether a file of `size` bytes (-1: not known yet) must be hashed.
+  bool WantsMd5(int64_t size) const;
 
   // Signature names, by signature number, one after another.
   std::string name_text_;
@@ -106,7 +113,15 @@ class CompiledDatabase {
   uint32_t longest_pattern_ = 0;
   uint32_t longest_lead_ = 0;
 
-  std::vector<std::pair<std::array<uint8_t, 16>, int>> md5_;  // sorted by digest
+  // MD5 signatures sorted by digest: digest, size (-1: any), signature.
+  struct Md5Signature {
+    std::array<uint8_t, 16> digest;
+    int64_t size;
+    int signature;
+    bool operator<(const Md5Signature& o) const { return digest < o.digest; }
+  };
+  std::vector<Md5Signature> md5_;
+  std::vector<int64_t> md5_sizes_;  // sorted; empty when some signature has no size
 };
 
 }  // namespace vrk::scan

@@ -2,6 +2,7 @@
 #include "scan/walk.h"
 
 #include <dirent.h>
+#include <fnmatch.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -45,6 +46,7 @@ struct Walker {
   }
 
   void Entry(const std::string& path, int depth) {
+    if (Excluded(path, options.excludes)) return;
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) {
       problem(path, std::strerror(errno));
@@ -70,10 +72,24 @@ struct Walker {
 
 }  // namespace
 
+bool Excluded(const std::string& path, const std::vector<std::string>& excludes) {
+  const size_t slash = path.find_last_of('/');
+  const std::string name = slash == std::string::npos || slash + 1 == path.size() ? path : path.substr(slash + 1);
+  for (const std::string& pattern : excludes) {
+    if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0 || fnmatch(pattern.c_str(), path.c_str(), 0) == 0) return true;
+  }
+  return false;
+}
+
 void Walk(const std::vector<std::string>& roots, const WalkOptions& options,
           const std::function<void(const std::string& path)>& file,
           const std::function<void(const std::string& path, const std::string& message)>& problem) {
   for (const std::string& root : roots) {
+    if (root == "-") {
+      file(root);
+      continue;
+    }
+    if (Excluded(root, options.excludes)) continue;
     struct stat st;
     if (stat(root.c_str(), &st) != 0) {
       problem(root, std::strerror(errno));

@@ -11,9 +11,16 @@ namespace vrk::scan {
 
 struct WalkOptions {
   bool recursive = false;
+  // Shell patterns (fnmatch); an entry whose name or whole path matches one
+  // is left out, and so is everything below an excluded directory.
+  std::vector<std::string> excludes;
 };
 
-// Calls `file` for each regular file found under `roots`, and `problem` with
+// Whether `path` is left out by one of `excludes` (see WalkOptions).
+bool Excluded(const std::string& path, const std::vector<std::string>& excludes);
+
+// Calls `file` for each regular file found under `roots` ("-", standard
+// input, is passed on as it is), and `problem` with
 // a path and a message for each root or entry that cannot be read.
 void Walk(const std::vector<std::string>& roots, const WalkOptions& options,
           const std::function<void(const std::string& path)>& file,

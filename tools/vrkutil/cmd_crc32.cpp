@@ -1,50 +1,59 @@
-// vrkutil crc32: the standard CRC-32 of files.
+// vrkutil crc32: the standard CRC-32 of files, and the check of a list.
 #include <cstdio>
+#include <string>
 
-#include "checksum_input.h"
+#include "checksum_lines.h"
 #include "command.h"
+#include "io/file_input.h"
 #include "vrk_checksum.h"
-#include "vrkvfile.h"
 
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kCheck };
+constexpr Option kOptions[] = {{kCheck, 'c', "check", false}};
 
 const Command kCrc32{
-    "crc32", "FILE...", "print the CRC-32 of files",
+    "crc32", "[-c] [FILE...]", "print or check the CRC-32 of files",
     "Prints, for each FILE, its standard CRC-32 (register started at\n"
     "0xFFFFFFFF, complemented at the end; cbf43926 for \"123456789\") as\n"
-    "eight lower-case hex digits, two spaces and the file name. FILE '-' is\n"
-    "standard input. Files are read through the virtual-file library.\n"
-    "Exit status 1 when any file cannot be read.",
-    Run};
+    "eight lower-case hex digits, two spaces and the file name; names holding\n"
+    "a backslash or a newline are escaped and the line starts with a\n"
+    "backslash, as md5sum does. FILE '-', or no FILE, is standard input, read\n"
+    "as it comes. Files are read through the virtual-file library.\n"
+    "\n"
+    "  -c, --check   read such lines from each FILE and check every file they\n"
+    "                name: 'NAME: OK' or 'NAME: FAILED'\n"
+    "\n"
+    "Exit status 1 when any file cannot be read or, with -c, does not match.",
+    Run, kOptions};
 
-int Run(Args args) {
-  if (args.empty()) return UsageError(kCrc32, "expected at least one FILE");
-  int status = kExitOk;
-  static unsigned char buffer[1 << 16];
-  for (const char* path : args) {
-    InputFile file;
-    if (!file.Open(path)) {
-      status = Fail(kExitFailure, "%s: %s", path, file.error());
-      continue;
-    }
-    const uint32_t length = VFilelength(file.handle());
-    uint32_t crc = 0xFFFFFFFFu, total = 0;
-    for (;;) {
-      const uint32_t n = VRead(buffer, 1, sizeof buffer, file.handle());
-      if (n == 0) break;
-      crc = CRC32_Mem(buffer, crc, n);
-      total += n;
-    }
-    if (total != length) {
-      status = Fail(kExitFailure, "%s: read error after %u bytes", path, total);
-      continue;
-    }
-    std::printf("%08x  %s\n", crc ^ 0xFFFFFFFFu, path);
+bool Crc32(const char* path, std::string& value, std::string& error) {
+  vrktool::InputStream input;
+  if (!input.Open(path)) {
+    error = input.error();
+    return false;
   }
-  return status;
+  static unsigned char buffer[1 << 16];
+  uint32_t crc = 0xFFFFFFFFu, got = 0;
+  do {
+    if (!input.Read(buffer, sizeof buffer, got)) {
+      error = input.error();
+      return false;
+    }
+    crc = CRC32_Mem(buffer, crc, got);
+  } while (got != 0);
+  char hex[9];
+  std::snprintf(hex, sizeof hex, "%08x", crc ^ 0xFFFFFFFFu);
+  value = hex;
+  return true;
+}
+
+int Run(const Invocation& in) {
+  if (in.Has(kCheck)) return CheckChecksums(kCrc32, in.operands(), 8, Crc32);
+  return PrintChecksums(in.operands(), Crc32);
 }
 
 }  // namespace

@@ -3,15 +3,18 @@
 #include <cstdio>
 #include <cstring>
 
-#include "checksum_input.h"
+#include "checksum_lines.h"
 #include "command.h"
+#include "io/file_input.h"
 #include "vrk_search.h"
-#include "vrkvfile.h"
 
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kKey };
+constexpr Option kOptions[] = {{kKey, 0, "key", true}};
 
 const Command kFingerprint{
     "fingerprint", "[--key K] FILE...", "print the 38-word CRC fingerprint of files",
@@ -21,16 +24,21 @@ const Command kFingerprint{
     "are 64-byte blocks, 33-37 prefixes of 128 to 2048 bytes, each a CRC-32\n"
     "register started from 0, a region of one repeated byte counting as 0.\n"
     "Blocks that start beyond the file are not computed and shown as such.\n"
-    "Exit status 1 when any file cannot be read.",
-    Run};
+    "FILE '-' is standard input. A name holding a backslash or a newline is\n"
+    "escaped as md5 escapes it. Exit status 1 when any file cannot be read.",
+    Run, kOptions};
 
 int Print(const char* path, uint32_t key) {
-  InputFile file;
-  if (!file.Open(path)) return Fail(kExitFailure, "%s: %s", path, file.error());
+  vrktool::InputStream input;
+  if (!input.Open(path)) return Fail(kExitFailure, "%s: %s", path, input.error().c_str());
   unsigned char head[2048];
-  const uint32_t length = VFilelength(file.handle());
-  const uint32_t n = VRead(head, 1, sizeof head, file.handle());
-  if (n != (length < sizeof head ? length : uint32_t(sizeof head))) return Fail(kExitFailure, "%s: read error", path);
+  uint32_t n = 0, got = 0;
+  do {
+    if (!input.Read(head + n, sizeof head - n, got)) {
+      return Fail(kExitFailure, "%s: %s", path, input.error().c_str());
+    }
+    n += got;
+  } while (got != 0 && n < sizeof head);
 
   SEARCH_CRCTblEntry row[SEARCH_CRC_COLUMNS] = {};  // an empty row: nothing to match
   SEARCH_CRCList hits = {};
@@ -39,7 +47,7 @@ int Print(const char* path, uint32_t key) {
   SEARCH_CRCFile(head, int32_t(n), 0, key, &fingerprint, 0, row, &hits);
   SEARCH_CRCFree(&hits);
 
-  std::printf("%s\n", path);
+  PrintNameLine(path);
   for (uint32_t w = 0; w < SEARCH_CRC_COLUMNS; ++w) {
     char what[48];
     bool computed = true;
@@ -61,28 +69,13 @@ int Print(const char* path, uint32_t key) {
   return kExitOk;
 }
 
-int Run(Args args) {
-  uint32_t key = 0;
-  size_t i = 0;
-  if (i < args.size() && std::strncmp(args[i], "--key", 5) == 0) {
-    const char* value = nullptr;
-    if (args[i][5] == '=') {
-      value = args[i] + 6;
-    } else if (args[i][5] == '\0' && i + 1 < args.size()) {
-      value = args[++i];
-    } else {
-      return UsageError(kFingerprint, "--key needs a number");
-    }
-    long long k = 0;
-    if (!ParseInt(value, k) || k < 0 || k > 0xFFFFFFFFll) return UsageError(kFingerprint, "bad --key '%s'", value);
-    key = uint32_t(k);
-    ++i;
-  }
-  if (i < args.size() && std::strcmp(args[i], "--") == 0) ++i;
-  if (i == args.size()) return UsageError(kFingerprint, "expected at least one FILE");
+int Run(const Invocation& in) {
+  long long key = 0;
+  if (NumberOption(kFingerprint, in, kKey, 0, 0xFFFFFFFFll, key) != kExitOk) return kExitUsage;
+  if (in.operands().empty()) return UsageError(kFingerprint, "expected at least one FILE");
   int status = kExitOk;
-  for (; i < args.size(); ++i) {
-    if (Print(args[i], key) != kExitOk) status = kExitFailure;
+  for (const char* path : in.operands()) {
+    if (Print(path, static_cast<uint32_t>(key)) != kExitOk) status = kExitFailure;
   }
   return status;
 }

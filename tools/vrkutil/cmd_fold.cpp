@@ -10,7 +10,10 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kStrict, kTurkic };
+constexpr Option kOptions[] = {{kStrict, 0, "strict", false}, {kTurkic, 0, "turkic", false}};
 
 const Command kFold{
     "fold", "[--strict] [--turkic] TEXT...", "case-fold UTF-8 texts",
@@ -26,43 +29,27 @@ const Command kFold{
     "  --turkic   Turkic folding of I and U+0130 (implies --strict)\n"
     "\n"
     "Exit status 1 when a TEXT is not valid UTF-8 under --strict.",
-    Run};
+    Run, kOptions};
 
-int Run(Args args) {
-  bool strict = false;
-  int flags = 0;
-  size_t first = 0;
-  for (; first < args.size(); ++first) {
-    const std::string_view arg = args[first];
-    if (arg == "--strict") {
-      strict = true;
-    } else if (arg == "--turkic") {
-      strict = true;
-      flags |= UTF8_FOLD_TURKIC;
-    } else if (arg == "--") {
-      ++first;
-      break;
-    } else if (arg.size() > 1 && arg[0] == '-' && arg[1] == '-') {
-      return UsageError(kFold, "unknown option '%s'", args[first]);
-    } else {
-      break;
-    }
-  }
-  if (first == args.size()) return UsageError(kFold, "expected at least one TEXT");
+int Run(const Invocation& in) {
+  const bool strict = in.Has(kStrict) || in.Has(kTurkic);
+  const int flags = in.Has(kTurkic) ? UTF8_FOLD_TURKIC : 0;
+  const auto texts = in.operands();
+  if (texts.empty()) return UsageError(kFold, "expected at least one TEXT");
   int status = kExitOk;
-  for (size_t i = first; i < args.size(); ++i) {
+  for (size_t i = 0; i < texts.size(); ++i) {
     if (!strict) {
-      std::string text = args[i];
+      std::string text = texts[i];
       std::printf("%s\n", utf8foldstring(text.data()));
       continue;
     }
-    if (args[i][0] == 0) {  // the library gives no copy of an empty text
+    if (texts[i][0] == 0) {  // the library gives no copy of an empty text
       std::printf("\n");
       continue;
     }
-    char* folded = utf8foldstrict(args[i], flags);
+    char* folded = utf8foldstrict(texts[i], flags);
     if (folded == nullptr) {
-      status = Fail(kExitFailure, "TEXT %zu is not valid UTF-8", i - first + 1);
+      status = Fail(kExitFailure, "TEXT %zu is not valid UTF-8", i + 1);
       continue;
     }
     std::printf("%s\n", folded);

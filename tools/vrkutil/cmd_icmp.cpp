@@ -8,7 +8,10 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kTurkic, kLengthFirst };
+constexpr Option kOptions[] = {{kTurkic, 0, "turkic", false}, {kLengthFirst, 0, "length-first", false}};
 
 const Command kIcmp{
     "icmp", "[--turkic] [--length-first] A B", "compare two UTF-8 texts ignoring case",
@@ -20,30 +23,12 @@ const Command kIcmp{
     "  --length-first   a shorter folded character sorts first\n"
     "\n"
     "Exit status 1 when malformed UTF-8 is met before a difference.",
-    Run};
+    Run, kOptions};
 
-int Run(Args args) {
-  int flags = 0;
-  const char* texts[2] = {nullptr, nullptr};
-  int count = 0;
-  bool options = true;
-  for (const char* arg : args) {
-    const std::string_view a = arg;
-    if (options && a == "--turkic") {
-      flags |= UTF8_FOLD_TURKIC;
-    } else if (options && a == "--length-first") {
-      flags |= UTF8_CMP_LENGTHFIRST;
-    } else if (options && a == "--") {
-      options = false;
-    } else if (options && a.size() > 1 && a[0] == '-' && a[1] == '-') {
-      return UsageError(kIcmp, "unknown option '%s'", arg);
-    } else if (count < 2) {
-      texts[count++] = arg;
-    } else {
-      return UsageError(kIcmp, "expected exactly two texts");
-    }
-  }
-  if (count != 2) return UsageError(kIcmp, "expected exactly two texts");
+int Run(const Invocation& in) {
+  const int flags = (in.Has(kTurkic) ? UTF8_FOLD_TURKIC : 0) | (in.Has(kLengthFirst) ? UTF8_CMP_LENGTHFIRST : 0);
+  if (in.operands().size() != 2) return UsageError(kIcmp, "expected exactly two texts");
+  const char* const texts[2] = {in.operands()[0], in.operands()[1]};
   const int order = utf8icmp(texts[0], texts[1], flags);
   if (order == UTF8_ERR_INVALID) return Fail(kExitFailure, "malformed UTF-8 before any difference");
   std::printf("%d\n", order);

@@ -15,9 +15,14 @@
 namespace vrkutil {
 namespace {
 
-int RunOs(Args args);
-int RunPath(Args args);
-int RunTempname(Args args);
+using Args = std::span<const char* const>;  // the operands after the action
+
+int RunOs(const Invocation& in);
+int RunPath(const Invocation& in);
+int RunTempname(const Invocation& in);
+
+enum { kDir, kName, kExt };
+constexpr Option kPartOptions[] = {{kDir, 0, "dir", true}, {kName, 0, "name", true}, {kExt, 0, "ext", true}};
 
 const Command kOs{
     "os", "ACTION [ARGS...]", "OS utilities: paths, temporary names, program name, libraries, locks",
@@ -34,7 +39,7 @@ const Command kOs{
     "\n"
     "A PATH that names an existing directory goes whole into the directory part.\n"
     "Exit status 1 when a request fails, 2 on bad usage.",
-    RunOs};
+    RunOs, kPartOptions};
 
 const Command kPath{
     "path", "split PATH... | make [--dir D] [--name N] [--ext E]", "split paths into their parts, or join parts",
@@ -42,7 +47,7 @@ const Command kPath{
     "existing directory goes whole into the directory part); make joins the\n"
     "parts, adding the \"/\" and \".\" they lack. Same as 'vrkutil os splitpath'\n"
     "and 'vrkutil os makepath'.",
-    RunPath};
+    RunPath, kPartOptions};
 
 const Command kTempname{
     "tempname", "[DIR [PREFIX]]", "print a file name that no file has now",
@@ -61,17 +66,9 @@ int SplitPaths(const Command& self, Args paths) {
   return kExitOk;
 }
 
-int MakePath(const Command& self, Args args) {
-  const char* parts[3] = {nullptr, nullptr, nullptr};
-  static constexpr std::string_view kOptions[3] = {"--dir", "--name", "--ext"};
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view option = args[i];
-    size_t which = 0;
-    while (which < 3 && option != kOptions[which]) ++which;
-    if (which == 3) return UsageError(self, "unknown argument '%s'", args[i]);
-    if (i + 1 == args.size()) return UsageError(self, "%s needs a value", args[i]);
-    parts[which] = args[++i];
-  }
+int MakePath(const Command& self, const Invocation& in, Args args) {
+  if (!args.empty()) return UsageError(self, "unexpected argument '%s'", args[0]);
+  const char* parts[3] = {in.Value(kDir), in.Value(kName), in.Value(kExt)};
   // The join is unbounded: size the buffer for every part, a "/", a "." and
   // the terminator.
   size_t size = 3;
@@ -145,30 +142,40 @@ int System(const Command& self, Args args) {
   return kExitOk;
 }
 
-int RunOs(Args args) {
-  if (args.empty()) return UsageError(kOs, "expected an ACTION");
-  const std::string_view action = args[0];
-  const Args rest = args.subspan(1);
-  if (action == "splitpath") return SplitPaths(kOs, rest);
-  if (action == "makepath") return MakePath(kOs, rest);
-  if (action == "tempname") return TempName(kOs, rest);
-  if (action == "exe") return ProgramName(kOs, rest);
-  if (action == "drivetype") return DriveType(kOs, rest);
-  if (action == "load") return Load(kOs, rest);
-  if (action == "lock") return Lock(kOs, rest);
-  if (action == "system") return System(kOs, rest);
-  return UsageError(kOs, "unknown action '%s'", args[0]);
+// The part options belong to the joining action only.
+int Dispatch(const Command& self, const Invocation& in, std::string_view action, Args rest) {
+  const bool joining = action == "makepath" || action == "make";
+  if (!joining && !in.options().empty()) {
+    return UsageError(self, "%s applies only to the joining action", in.options()[0].spelling.c_str());
+  }
+  if (joining) return MakePath(self, in, rest);
+  if (action == "splitpath" || action == "split") return SplitPaths(self, rest);
+  if (action == "tempname") return TempName(self, rest);
+  if (action == "exe") return ProgramName(self, rest);
+  if (action == "drivetype") return DriveType(self, rest);
+  if (action == "load") return Load(self, rest);
+  if (action == "lock") return Lock(self, rest);
+  if (action == "system") return System(self, rest);
+  return UsageError(self, "unknown action '%.*s'", static_cast<int>(action.size()), action.data());
 }
 
-int RunPath(Args args) {
-  if (args.empty()) return UsageError(kPath, "expected split or make");
-  const std::string_view action = args[0];
-  if (action == "split") return SplitPaths(kPath, args.subspan(1));
-  if (action == "make") return MakePath(kPath, args.subspan(1));
-  return UsageError(kPath, "unknown action '%s'", args[0]);
+int RunOs(const Invocation& in) {
+  if (in.operands().empty()) return UsageError(kOs, "expected an ACTION");
+  const std::string_view action = in.operands()[0];
+  if (action == "split" || action == "make") {
+    return UsageError(kOs, "unknown action '%s'", in.operands()[0]);
+  }
+  return Dispatch(kOs, in, action, in.operands().subspan(1));
 }
 
-int RunTempname(Args args) { return TempName(kTempname, args); }
+int RunPath(const Invocation& in) {
+  if (in.operands().empty()) return UsageError(kPath, "expected split or make");
+  const std::string_view action = in.operands()[0];
+  if (action != "split" && action != "make") return UsageError(kPath, "unknown action '%s'", in.operands()[0]);
+  return Dispatch(kPath, in, action, in.operands().subspan(1));
+}
+
+int RunTempname(const Invocation& in) { return TempName(kTempname, in.operands()); }
 
 }  // namespace
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "command.h"
+#include "io/file_input.h"
 #include "patterns/pattern_list.h"
 #include "search/pattern_builder.h"
 #include "vrk_search.h"
@@ -13,7 +14,10 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kCompile, kPattern };
+constexpr Option kOptions[] = {{kCompile, 0, "compile", false}, {kPattern, 'p', "pattern", true}};
 
 const Command kPatterns{
     "patterns", "[--compile] [--pattern PATTERN]... [PATTERNFILE] FILE...",
@@ -31,22 +35,10 @@ const Command kPatterns{
     "  --compile   also print each pattern's key and table record\n"
     "\n"
     "Exit status: 1 when something matched, 0 when nothing did, 2 on error.",
-    Run};
+    Run, kOptions};
 
 constexpr int kExitMatched = 1;
 constexpr int kExitNoMatch = 0;
-
-bool ReadWholeFile(const char* path, std::vector<uint8_t>& out) {
-  FILE* f = std::fopen(path, "rb");
-  if (!f) return false;
-  out.clear();
-  uint8_t buffer[65536];
-  size_t got;
-  while ((got = std::fread(buffer, 1, sizeof buffer, f)) > 0) out.insert(out.end(), buffer, buffer + got);
-  const bool ok = std::ferror(f) == 0;
-  std::fclose(f);
-  return ok;
-}
 
 namespace builder = vrk::search::builder;
 
@@ -60,24 +52,11 @@ void PrintCompiled(const builder::Table& table, const std::vector<vrk::patterns:
   }
 }
 
-int Run(Args args) {
-  bool compile = false;
+int Run(const Invocation& in) {
+  const bool compile = in.Has(kCompile);
   std::vector<vrk::patterns::PatternSource> sources;
-  std::vector<const char*> positional;
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view arg = args[i];
-    if (arg == "--compile") {
-      compile = true;
-    } else if (arg == "--pattern" || arg == "-p") {
-      if (i + 1 == args.size()) return UsageError(kPatterns, "--pattern needs a PATTERN");
-      sources.push_back({args[i + 1], args[i + 1]});
-      ++i;
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      return UsageError(kPatterns, "unknown option '%s'", args[i]);
-    } else {
-      positional.push_back(args[i]);
-    }
-  }
+  for (const char* pattern : in.Values(kPattern)) sources.push_back({pattern, pattern});
+  const auto positional = in.operands();
   size_t first_file = 0;
   if (sources.empty()) {
     if (positional.empty()) return UsageError(kPatterns, "expected a PATTERNFILE or --pattern");
@@ -106,8 +85,9 @@ int Run(Args args) {
   std::vector<uint8_t> data;
   for (size_t f = first_file; f < positional.size(); ++f) {
     const char* path = positional[f];
-    if (!ReadWholeFile(path, data)) {
-      status = Fail(kExitUsage, "cannot read %s", path);
+    std::string read_error;
+    if (!vrktool::ReadWholeFile(path, data, read_error)) {
+      status = Fail(kExitUsage, "%s: %s", path, read_error.c_str());
       continue;
     }
     if (data.size() > 0x7FFFFFFF) {

@@ -1,32 +1,49 @@
 // vrkutil pe: what the PE header checks and RVA lookups say about files, their
-// exports and imports, and whether the loader takes them.
-#include <cstdio>
+// exports and imports, and whether the loader takes them. Files are read by
+// the library's own format rules and walkers; this file only presents.
 #include <strings.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <memory>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "command.h"
+#include "io/file_input.h"
+#include "pe/walk.h"
 #include "vrk_pe.h"
 #include "vrk_standin_ctl.h"
 
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+using vrk::ByteView;
+using vrk::pe::ExportWalk;
+using vrk::pe::FileView;
+using vrk::pe::ImportEntry;
+using vrk::pe::LoadStatus;
+
+int Run(const Invocation& in);
+
+enum { kLoad, kRva };
+constexpr Option kOptions[] = {{kLoad, 0, "load", false}, {kRva, 0, "rva", true}};
 
 const Command kPe{
     "pe", "[--rva X] FILE... | --load DLL...", "PE header verdicts, sections, exports, imports; trial loads",
-    "For each FILE prints the header verdict of PE_VerifyImageHeader, the machine,\n"
-    "image base and sections, the export directory's name and exports (ordinal,\n"
-    "RVA, name) and the imports by DLL. --rva X also maps the RVA X through both\n"
-    "section lookups.\n"
+    "For each FILE prints the header verdict of PE_VerifyImageHeader and, for a\n"
+    "PE32 image, the machine, image base and sections, warnings for data\n"
+    "directories that the file does not hold, the export directory's name and\n"
+    "exports (ordinal, RVA, name, forwarder) and the imports by DLL. --rva X also\n"
+    "maps the RVA X through both section lookups.\n"
     "--load loads the DLLs in the order given into one process record whose\n"
     "native callbacks refuse every module, and says which loaded and why not.\n"
+    "Only images whose header verdict is sound are loaded.\n"
+    "FILE '-' is standard input, read into memory (256 MiB at most).\n"
     "This RUNS the entry points of DLLs that ask for it: use it on trusted files.\n"
     "Exit status 1 when a file is not PE (or, with --load, does not load).",
-    Run};
+    Run, kOptions};
 
 const char* VerdictName(uint32_t status) {
   switch (status) {
@@ -42,162 +59,244 @@ const char* PlacementName(int code) {
   return code >= 0 && code <= 4 ? kNames[code] : "?";
 }
 
-// The file as the header functions see it: NT headers and section table
-// copied out of the bytes, with every later read bounded by the file.
+constexpr const char* kDirectoryNames[PE_NUMBEROF_DIRECTORY_ENTRIES] = {
+    "export", "import", "resource", "exception", "certificate", "base relocation", "debug", "architecture",
+    "global pointer", "TLS", "load configuration", "bound import", "import address", "delay import",
+    "CLR runtime", "reserved"};
+constexpr uint32_t kCertificateDirectory = 4;  // its address is a file position, not an RVA
+
+// A file as the header functions see it: its bytes, its NT headers and the
+// section headers present in it. Everything past the headers is read through
+// the library's own walkers over a FileView, which bound every read.
 struct PeFile {
   std::vector<uint8_t> bytes;
+  uint32_t lfanew = 0;
   PE_IMAGE_NT_HEADERS32 nt{};
   std::vector<PE_IMAGE_SECTION_HEADER> sections;  // at least 96 entries, zero past the real ones
   uint32_t count = 0;                             // section headers present in the file
 
-  bool Has(uint32_t off, uint32_t len) const { return off <= bytes.size() && len <= bytes.size() - off; }
-  bool U32(uint32_t off, uint32_t& v) const {
-    if (!Has(off, 4)) return false;
-    std::memcpy(&v, bytes.data() + off, 4);
-    return true;
-  }
-  bool U16(uint32_t off, uint16_t& v) const {
-    if (!Has(off, 2)) return false;
-    std::memcpy(&v, bytes.data() + off, 2);
-    return true;
-  }
-  // File offset of an RVA with at least `len` bytes there, through the Ex lookup.
-  bool Map(uint32_t rva, uint32_t len, uint32_t& off) const {
+  ByteView File() const { return ByteView(bytes.data(), uint32_t(bytes.size())); }
+  FileView View() const { return FileView(File(), sections.data(), count, nt.OptionalHeader.SizeOfHeaders); }
+  // The NT headers with the section count cut to the headers present.
+  PE_IMAGE_NT_HEADERS32 Bounded() const {
     PE_IMAGE_NT_HEADERS32 bounded = nt;
     bounded.FileHeader.NumberOfSections = uint16_t(count);
-    uint32_t pos = 0;
-    const int n = PE_SeekDeRVAEx(sections.data(), &bounded, rva, &pos);
-    if (n < int(len) || !Has(pos, len)) return false;
-    off = pos;
-    return true;
+    return bounded;
   }
   std::string String(uint32_t rva) const {
-    uint32_t off = 0;
-    if (!Map(rva, 1, off)) return "?";
-    std::string s;
-    while (off < bytes.size() && bytes[off] != 0 && s.size() < 256) s += char(bytes[off++]);
-    return s;
+    const char* s = View().String(rva);
+    return s ? s : "?";
+  }
+  // What the optional header says the image is; only PE32 is read further,
+  // since every later field sits elsewhere in other layouts.
+  bool IsPe32() const { return nt.OptionalHeader.Magic == vrk::pe::kMagicPe32; }
+  std::string Kind() const {
+    char text[64];
+    const uint16_t machine = nt.FileHeader.Machine;
+    if (nt.OptionalHeader.Magic == vrk::pe::kMagicPe32Plus && machine == vrk::pe::kMachineAmd64) return "PE32+ (x86-64)";
+    if (nt.OptionalHeader.Magic == vrk::pe::kMagicPe32Plus) {
+      std::snprintf(text, sizeof text, "PE32+ (machine 0x%04X)", machine);
+    } else if (IsPe32()) {
+      std::snprintf(text, sizeof text, machine == vrk::pe::kMachineI386 ? "PE32 (i386)" : "PE32 (machine 0x%04X)", machine);
+    } else {
+      std::snprintf(text, sizeof text, "optional-header magic 0x%04X", nt.OptionalHeader.Magic);
+    }
+    return text;
   }
 };
 
-bool ReadFile(const char* path, std::vector<uint8_t>& out) {
-  FILE* f = std::fopen(path, "rb");
-  if (!f) return false;
-  uint8_t buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0) out.insert(out.end(), buffer, buffer + n);
-  std::fclose(f);
-  return true;
-}
+// Standard input is read into memory up to this size.
+constexpr size_t kStdinLimit = size_t{256} << 20;
 
-// Fills `pe` from the file at `path`; an error text when it is not PE.
-const char* Open(const char* path, PeFile& pe) {
-  if (!ReadFile(path, pe.bytes)) return "cannot be read";
-  uint32_t lfanew = 0;
-  if (pe.bytes.size() < 64 || !PE_EsMZ(pe.bytes.data())) return "not a PE file (no MZ header)";
-  if (!pe.U32(0x3C, lfanew) || !pe.Has(lfanew, sizeof pe.nt)) return "not a PE file (NT headers outside the file)";
-  if (!PE_EsPE(pe.bytes.data() + lfanew)) return "not a PE file (no PE signature)";
-  std::memcpy(&pe.nt, pe.bytes.data() + lfanew, sizeof pe.nt);
-  const uint64_t table = uint64_t(lfanew) + 0x18 + pe.nt.FileHeader.SizeOfOptionalHeader;
+// Fills `pe` from the file at `path` ("-": standard input); an error text
+// when it cannot be read or is not PE.
+std::string Open(const char* path, PeFile& pe) {
+  if (std::string error; !vrktool::ReadWholeFile(path, pe.bytes, error, kStdinLimit)) return error;
+  const ByteView file = pe.File();
+  if (file.size() < vrk::pe::kDosHeaderSize || !PE_EsMZ(file.data())) return "not a PE file (no MZ header)";
+  if (!file.Read(vrk::pe::kLfanewOffset, pe.lfanew) || !file.Read(pe.lfanew, pe.nt))
+    return "not a PE file (NT headers outside the file)";
+  if (!PE_EsPE(file.data() + pe.lfanew)) return "not a PE file (no PE signature)";
   const uint32_t wanted = pe.nt.FileHeader.NumberOfSections;
-  pe.sections.assign(wanted > 96 ? wanted : 96, PE_IMAGE_SECTION_HEADER{});
-  for (uint32_t i = 0; i < wanted; ++i) {
-    const uint64_t at = table + 40ull * i;
-    if (at + 40 > pe.bytes.size()) break;
-    std::memcpy(&pe.sections[i], pe.bytes.data() + at, 40);
-    pe.count = i + 1;
-  }
-  return nullptr;
+  pe.sections.assign(std::max(wanted, 96u), PE_IMAGE_SECTION_HEADER{});
+  while (pe.count < wanted && vrk::pe::ReadSectionHeader(file, pe.lfanew, pe.nt, pe.count, pe.sections[pe.count])) ++pe.count;
+  return "";
 }
 
-void PrintExports(const PeFile& pe) {
-  const PE_IMAGE_DATA_DIRECTORY& d = pe.nt.OptionalHeader.DataDirectory[PE_DIRECTORY_ENTRY_EXPORT];
-  uint32_t off = 0;
-  PE_IMAGE_EXPORT_DIRECTORY dir{};
-  if (d.VirtualAddress == 0 || !pe.Map(d.VirtualAddress, sizeof dir, off)) {
-    std::printf("  exports: none\n");
-    return;
-  }
-  std::memcpy(&dir, pe.bytes.data() + off, sizeof dir);
-  std::printf("  export name: %s\n  exports (ordinal, RVA, name): %u functions, %u names\n", pe.String(dir.Name).c_str(),
-              dir.NumberOfFunctions, dir.NumberOfNames);
-  const uint32_t functions = dir.NumberOfFunctions < 65536 ? dir.NumberOfFunctions : 65536;
-  std::vector<std::string> names(functions);
-  for (uint32_t j = 0; j < dir.NumberOfNames && j < 65536; ++j) {
-    uint32_t o1 = 0, o2 = 0, name_rva = 0;
-    uint16_t index = 0;
-    if (!pe.Map(dir.AddressOfNameOrdinals + 2 * j, 2, o1) || !pe.Map(dir.AddressOfNames + 4 * j, 4, o2)) break;
-    pe.U16(o1, index);
-    pe.U32(o2, name_rva);
-    if (index < functions) names[index] = pe.String(name_rva);
-  }
-  for (uint32_t i = 0; i < functions; ++i) {
-    uint32_t o = 0, rva = 0;
-    if (!pe.Map(dir.AddressOfFunctions + 4 * i, 4, o)) break;
-    pe.U32(o, rva);
-    if (rva != 0) std::printf("    %5u  0x%08X  %s\n", dir.Base + i, rva, names[i].c_str());
-  }
-}
-
-// The DLL names that the file imports from (bounded walk).
-std::vector<std::string> ImportedDlls(const PeFile& pe, bool print) {
-  std::vector<std::string> dlls;
-  const uint32_t start = pe.nt.OptionalHeader.DataDirectory[PE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
-  if (start == 0) return dlls;
-  for (uint32_t k = 0; k < 4096; ++k) {
-    uint32_t off = 0;
-    PE_IMAGE_IMPORT_DESCRIPTOR desc{};
-    if (!pe.Map(start + 20 * k, sizeof desc, off)) break;
-    std::memcpy(&desc, pe.bytes.data() + off, sizeof desc);
-    if (desc.FirstThunk == 0) break;
-    dlls.push_back(pe.String(desc.Name));
-    if (!print) continue;
-    std::printf("    %s:", dlls.back().c_str());
-    const uint32_t lookup = desc.OriginalFirstThunk ? desc.OriginalFirstThunk : desc.FirstThunk;
-    for (uint32_t t = 0; t < 65536; ++t) {
-      uint32_t o = 0, thunk = 0;
-      if (!pe.Map(lookup + 4 * t, 4, o) || !pe.U32(o, thunk) || thunk == 0) break;
-      if (thunk & 0x80000000) {
-        std::printf(" #%u", thunk & 0x7FFFFFFF);
-      } else {
-        std::printf(" %s", pe.String(thunk + 2).c_str());
-      }
-    }
-    std::printf("\n");
-  }
-  return dlls;
-}
-
-void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
-  const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
-  const auto& oh = pe.nt.OptionalHeader;
-  std::printf("%s\n  verdict: 0x%08X %s\n  machine: 0x%04X  image base: 0x%08X  size of image: 0x%X\n", path, verdict,
-              VerdictName(verdict), pe.nt.FileHeader.Machine, oh.ImageBase, oh.SizeOfImage);
+void PrintSections(const PeFile& pe) {
   std::printf("  sections (%u):\n", pe.count);
   for (uint32_t i = 0; i < pe.count; ++i) {
     const PE_IMAGE_SECTION_HEADER& s = pe.sections[i];
     char name[9] = {};
     std::memcpy(name, s.Name, 8);
-    std::printf("    %-8s RVA 0x%08X  virtual size 0x%08X  raw 0x%08X + 0x%08X\n", name, s.VirtualAddress, s.VirtualSize,
-                s.PointerToRawData, s.SizeOfRawData);
+    const char* long_name = vrk::pe::LongSectionName(pe.File(), pe.nt.FileHeader, s);
+    std::printf("    %-8s RVA 0x%08X  virtual size 0x%08X  raw 0x%08X + 0x%08X\n", long_name ? long_name : name,
+                s.VirtualAddress, s.VirtualSize, s.PointerToRawData, s.SizeOfRawData);
   }
-  PrintExports(pe);
-  std::printf("  imports:\n");
-  if (ImportedDlls(pe, true).empty()) std::printf("    none\n");
-  if (have_rva) {
-    PE_IMAGE_NT_HEADERS32 bounded = pe.nt;
-    bounded.FileHeader.NumberOfSections = uint16_t(pe.count);
-    uint32_t index = 0, pos = 0;
-    const int code = PE_SeccionDeRVAEx(pe.sections.data(), &bounded, rva, &index);
-    const int readable = PE_SeekDeRVAEx(pe.sections.data(), &bounded, rva, &pos);
-    std::printf("  RVA 0x%08X: section %u, file position 0x%08X; Ex: %s, section %u", rva,
-                PE_SeccionDeRVA(pe.sections.data(), int(pe.count), rva), PE_SeekDeRVA(pe.sections.data(), int(pe.count), rva),
-                PlacementName(code), index);
-    if (readable > 0) {
-      std::printf(", file position 0x%08X with %d bytes readable\n", pos, readable);
-    } else {
-      std::printf(", nothing readable\n");
+}
+
+// Data directories whose bytes the file does not hold: the loader would
+// find zeros there, or nothing.
+void WarnDirectories(const PeFile& pe) {
+  const uint32_t size = pe.File().size();
+  const uint32_t count = std::min<uint32_t>(pe.nt.OptionalHeader.NumberOfRvaAndSizes, PE_NUMBEROF_DIRECTORY_ENTRIES);
+  for (uint32_t i = 0; i < count; ++i) {
+    const PE_IMAGE_DATA_DIRECTORY& d = pe.nt.OptionalHeader.DataDirectory[i];
+    if (d.VirtualAddress == 0 || d.Size == 0) continue;
+    uint32_t position = d.VirtualAddress;
+    const bool mapped = i == kCertificateDirectory || pe.View().Map(d.VirtualAddress, position) != 0;
+    const char* where = !mapped                                              ? "lies in no section's raw data"
+                        : position > size || d.Size > size - position ? "lies past the end of the file"
+                                                                             : nullptr;
+    if (where) {
+      std::printf("  warning: the %s directory (%s 0x%08X, 0x%X bytes) %s\n", kDirectoryNames[i],
+                  i == kCertificateDirectory ? "file position" : "RVA", d.VirtualAddress, d.Size, where);
     }
+  }
+}
+
+void PrintExports(const PeFile& pe) {
+  const FileView view = pe.View();
+  ExportWalk<FileView> walk;
+  if (!walk.Open(view, pe.nt)) {
+    std::printf("  exports: none\n");
+    return;
+  }
+  const PE_IMAGE_EXPORT_DIRECTORY& dir = walk.directory();
+  std::printf("  export name: %s\n  exports (ordinal, RVA, name): %u functions, %u names\n", pe.String(dir.Name).c_str(),
+              dir.NumberOfFunctions, dir.NumberOfNames);
+  std::vector<const char*> names(walk.functions(), "");
+  walk.ForEachName([&](uint32_t index, const char* name) { names[index] = name; });
+  const PE_IMAGE_DATA_DIRECTORY& exports = vrk::pe::Directory(pe.nt, PE_DIRECTORY_ENTRY_EXPORT);
+  for (uint32_t i = 0; i < walk.functions(); ++i) {
+    const uint32_t rva = walk.FunctionRva(i);
+    if (rva == 0) continue;
+    std::printf("    %5u  0x%08X  %s", dir.Base + i, rva, names[i]);
+    // A forwarder names a function of another module instead of code.
+    if (vrk::pe::IsForwarder(exports, rva)) std::printf("  forwarded to %s", pe.String(rva).c_str());
+    std::printf("\n");
+  }
+}
+
+// The imports by DLL, in the order the loader binds them.
+struct ImportPrinter {
+  int dlls = 0;
+  LoadStatus Module(const char* dll) {
+    std::printf("%s    %s:", dlls++ ? "\n" : "", dll);
+    return LoadStatus::kOk;
+  }
+  LoadStatus Entry(const ImportEntry& entry) {
+    if (entry.name) {
+      std::printf(" %s", entry.name);
+    } else {
+      std::printf(" #%u", entry.ordinal);
+    }
+    return LoadStatus::kOk;
+  }
+};
+
+void PrintImports(const PeFile& pe) {
+  std::printf("  imports:\n");
+  ImportPrinter printer;
+  const LoadStatus status = vrk::pe::WalkImports(pe.View(), pe.nt, printer);
+  if (printer.dlls) std::printf("\n");
+  if (status != LoadStatus::kOk) {
+    std::printf("    (the import table runs outside the file)\n");
+  } else if (!printer.dlls) {
+    std::printf("    none\n");
+  }
+}
+
+void PrintRva(const PeFile& pe, uint32_t rva) {
+  const PE_IMAGE_NT_HEADERS32 bounded = pe.Bounded();
+  uint32_t index = 0, pos = 0;
+  const int code = PE_SeccionDeRVAEx(pe.sections.data(), &bounded, rva, &index);
+  const int readable = PE_SeekDeRVAEx(pe.sections.data(), &bounded, rva, &pos);
+  std::printf("  RVA 0x%08X: section %u, file position 0x%08X; Ex: %s, section %u", rva,
+              PE_SeccionDeRVA(pe.sections.data(), int(pe.count), rva), PE_SeekDeRVA(pe.sections.data(), int(pe.count), rva),
+              PlacementName(code), index);
+  if (readable <= 0) {
+    std::printf(", nothing readable\n");
+    return;
+  }
+  // The count comes from the section header, and for an RVA far past the raw
+  // data its arithmetic wraps to a position outside the file: the bytes
+  // readable are those the file holds there.
+  const uint32_t size = pe.File().size();
+  const uint32_t held = pos < size ? size - pos : 0;
+  if (held == 0) {
+    std::printf(", file position 0x%08X past the end of the file (0x%X bytes), nothing readable\n", pos, size);
+    return;
+  }
+  std::printf(", file position 0x%08X with %u bytes readable", pos, std::min<uint32_t>(uint32_t(readable), held));
+  if (uint32_t(readable) > held) std::printf(" (the section claims %d)", readable);
+  std::printf("\n");
+}
+
+void Describe(const char* path, const PeFile& pe, bool have_rva, uint32_t rva) {
+  const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
+  std::printf("%s\n  verdict: 0x%08X %s\n", path, verdict, VerdictName(verdict));
+  if (!pe.IsPe32()) {
+    std::printf("  %s image: not read further\n", pe.Kind().c_str());
+    return;
+  }
+  const auto& oh = pe.nt.OptionalHeader;
+  std::printf("  machine: 0x%04X  image base: 0x%08X  size of image: 0x%X\n", pe.nt.FileHeader.Machine, oh.ImageBase,
+              oh.SizeOfImage);
+  PrintSections(pe);
+  WarnDirectories(pe);
+  PrintExports(pe);
+  PrintImports(pe);
+  if (have_rva) PrintRva(pe, rva);
+}
+
+// Finds the first import that the process cannot serve, as binding would.
+struct ImportCheck {
+  const MODLOAD_PROCESS* process;
+  PELOAD_MODULE* module = nullptr;
+  std::string dll, import;
+  LoadStatus Module(const char* name) {
+    dll = name;
+    for (module = process->modules; module; module = module->next) {
+      if (strcasecmp(module->fullName, name) == 0) return LoadStatus::kOk;
+    }
+    return LoadStatus::kModuleNotFound;
+  }
+  LoadStatus Entry(const ImportEntry& entry) {
+    const char* key = entry.name ? entry.name : reinterpret_cast<const char*>(uintptr_t(entry.ordinal));
+    if (PELOAD_GetProcAddress(module, key) != 0) return LoadStatus::kOk;
+    import = entry.name ? "'" + std::string(entry.name) + "'" : "ordinal " + std::to_string(entry.ordinal);
+    return LoadStatus::kProcNotFound;
+  }
+};
+
+// Why the loader refused a PE32 file with a sound header: the first cause in
+// the order its stages meet them, found by the checks and walks they use.
+std::string WhyNotLoaded(const PeFile& pe, const MODLOAD_PROCESS* process) {
+  uint16_t magic = 0;
+  uint32_t block = 0;
+  (void)pe.File().Read(0, magic);
+  LoadStatus status = vrk::pe::CheckDosHeader(magic, pe.lfanew);
+  if (status == LoadStatus::kOk) status = vrk::pe::CheckNtHeaders(pe.nt);
+  if (status == LoadStatus::kOk) status = vrk::pe::CheckImageBlock(pe.nt, pe.lfanew, block);
+  ImportCheck check{process, nullptr, {}, {}};
+  if (status == LoadStatus::kOk) status = vrk::pe::WalkImports(pe.View(), pe.nt, check);
+  if (status == LoadStatus::kOk && vrk::pe::AsksForEntryPoint(pe.nt)) {
+    status = pe.nt.OptionalHeader.AddressOfEntryPoint < block ? LoadStatus::kEntryRefused : LoadStatus::kEntryOutside;
+  }
+  switch (status) {
+    case LoadStatus::kNotMz: return "its DOS header says \"ZM\"; the loader takes \"MZ\" only";
+    case LoadStatus::kHeadersTooFar: return "its NT headers lie beyond 2 GiB";
+    case LoadStatus::kNotPe: return "its NT signature is not one the loader takes";
+    case LoadStatus::kNoRelocations: return "it has no base relocations";
+    case LoadStatus::kImageTooSmall: return "its image is too small to hold its NT headers";
+    case LoadStatus::kImportOutside: return "its import table runs outside the file";
+    case LoadStatus::kBadOrdinal: return "it imports an ordinal above 0xFFFF";
+    case LoadStatus::kModuleNotFound: return "it imports from '" + check.dll + "', which is not loaded";
+    case LoadStatus::kProcNotFound: return "it imports " + check.import + " from '" + check.dll + "', which does not export it";
+    case LoadStatus::kEntryOutside: return "its entry point lies outside the image";
+    case LoadStatus::kEntryRefused: return "its entry point returned 0";
+    default: return "the allocator refused a block";  // the only cause left
   }
 }
 
@@ -206,45 +305,39 @@ void* NoNative(const char*, uint32_t, uint32_t) { return nullptr; }
 void NoFree(void*) {}
 uint32_t NoProc(void*, const char*) { return 0; }
 
-int Load(Args files) {
+int Load(std::span<const char* const> files) {
   int status = kExitOk;
   MODLOAD_PROCESS* process = MODLOAD_CreateProcess(nullptr, NoNative, NoFree, NoProc);
   if (!process) return Fail(kExitFailure, "cannot create a process record");
+  // The files stay in memory while the process record lives; the loader
+  // reads them as virtual files over that memory.
+  std::vector<std::unique_ptr<PeFile>> kept;
   std::vector<VFileHandle> handles;
   for (const char* path : files) {
-    VFileHandle h = vrkvfile_open_path(path, VRKVFILE_COPY);
+    kept.push_back(std::make_unique<PeFile>());
+    PeFile& pe = *kept.back();
+    if (const std::string error = Open(path, pe); !error.empty()) {
+      status = Fail(kExitFailure, "%s: not loaded: %s", path, error.c_str());
+      continue;
+    }
+    // The loader reads what it is given: only the header checks keep a
+    // foreign or malformed image (x86-64 code, say) from being run.
+    const uint32_t verdict = PE_VerifyImageHeader(&pe.nt, pe.sections.data());
+    if (verdict != PE_STATUS_OK) {
+      status = Fail(kExitFailure, "%s: not loaded: %s image, header verdict 0x%08X %s", path, pe.Kind().c_str(), verdict,
+                    VerdictName(verdict));
+      continue;
+    }
+    VFileHandle h = vrkvfile_open_memory(pe.bytes.data(), static_cast<uint32_t>(pe.bytes.size()), VRKVFILE_COPY);
     if (!h) {
-      status = Fail(kExitFailure, "%s: cannot be read", path);
+      status = Fail(kExitFailure, "%s: not loaded: cannot open it as a virtual file", path);
       continue;
     }
     handles.push_back(h);
-    char name[PELOAD_NAME_SIZE];
-    if (!PELOAD_GetDllNameH(h, name, sizeof name)) {
-      status = Fail(kExitFailure, "%s: not loaded: cannot be read as a module (not PE, truncated, or no relocations)", path);
-      continue;
-    }
-    PELOAD_MODULE* m = PELOAD_LoadLibraryEx(h, process, 1);
-    if (m) {
+    if (PELOAD_MODULE* m = PELOAD_LoadLibraryEx(h, process, 1)) {
       std::printf("%s: loaded as '%s'\n", path, m->fullName);
-      continue;
-    }
-    // Say which imported DLL is missing when one is.
-    std::string missing;
-    PeFile pe;
-    if (!Open(path, pe)) {
-      for (const std::string& dll : ImportedDlls(pe, false)) {
-        bool found = false;
-        for (PELOAD_MODULE* e = process->modules; e && !found; e = e->next) found = strcasecmp(e->fullName, dll.c_str()) == 0;
-        if (!found) {
-          missing = dll;
-          break;
-        }
-      }
-    }
-    if (!missing.empty()) {
-      status = Fail(kExitFailure, "%s: not loaded: imports from '%s', which is not loaded", path, missing.c_str());
     } else {
-      status = Fail(kExitFailure, "%s: not loaded: an import is missing from its module, or the entry point refused", path);
+      status = Fail(kExitFailure, "%s: not loaded: %s", path, WhyNotLoaded(pe, process).c_str());
     }
   }
   MODLOAD_TerminateProcess(process);
@@ -252,35 +345,21 @@ int Load(Args files) {
   return status;
 }
 
-int Run(Args args) {
-  bool load = false, have_rva = false;
-  uint32_t rva = 0;
-  std::vector<char*> files;
-  for (size_t i = 0; i < args.size(); ++i) {
-    const std::string_view a = args[i];
-    if (a == "--load") {
-      load = true;
-    } else if (a == "--rva") {
-      long long v = 0;
-      if (i + 1 >= args.size() || !ParseInt(args[i + 1], v) || v < 0 || v > 0xFFFFFFFFll)
-        return UsageError(kPe, "--rva needs a number from 0 to 0xFFFFFFFF");
-      have_rva = true;
-      rva = uint32_t(v);
-      ++i;
-    } else {
-      files.push_back(args[i]);
-    }
-  }
+int Run(const Invocation& in) {
+  long long rva = -1;
+  if (NumberOption(kPe, in, kRva, 0, 0xFFFFFFFFll, rva) != kExitOk) return kExitUsage;
+  const bool have_rva = rva >= 0;
+  const auto files = in.operands();
   if (files.empty()) return UsageError(kPe, "expected at least one FILE");
-  if (load) return Load(Args(files.data(), files.size()));
+  if (in.Has(kLoad)) return Load(files);
   int status = kExitOk;
   for (const char* path : files) {
     PeFile pe;
-    if (const char* error = Open(path, pe)) {
-      status = Fail(kExitFailure, "%s: %s", path, error);
+    if (const std::string error = Open(path, pe); !error.empty()) {
+      status = Fail(kExitFailure, "%s: %s", path, error.c_str());
       continue;
     }
-    Describe(path, pe, have_rva, rva);
+    Describe(path, pe, have_rva, static_cast<uint32_t>(rva));
   }
   return status;
 }

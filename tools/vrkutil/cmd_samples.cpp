@@ -7,7 +7,7 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
 
 const Command kSamples{
     "samples", "DIR [LARGE-BYTES]", "write a sample tree for trying 'vrkutil scan'",
@@ -17,7 +17,8 @@ const Command kSamples{
     "the test string across a 1 MiB border.",
     Run};
 
-int Run(Args args) {
+int Run(const Invocation& in) {
+  const auto args = in.operands();
   if (args.empty() || args.size() > 2) return UsageError(kSamples, "expected DIR and an optional size");
   long long large = 4 << 20;
   if (args.size() == 2 && (!ParseInt(args[1], large) || large < 0 || large > (1ll << 30))) {

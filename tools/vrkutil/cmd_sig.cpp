@@ -1,9 +1,12 @@
 // vrkutil sig: signature lines derived from a sample file.
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "command.h"
+#include "io/file_input.h"
+#include "scan/database.h"
 #include "vrk_checksum.h"
 #include "vrk_search.h"
 #include "vrk_standin_ctl.h"
@@ -12,15 +15,22 @@
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kColumn, kMd5 };
+constexpr Option kOptions[] = {{kColumn, 0, "column", true}, {kMd5, 0, "md5", false}};
 
 const Command kSig{
     "sig", "[--column N]... [--md5] NAME FILE", "derive signature lines from a sample file",
     "Prints database lines for signature NAME recognising FILE: one 'crc'\n"
     "line per --column N (1 to 37; default 37, the whole 2048-byte head) with\n"
     "the fingerprint word of that column, and with --md5 an 'md5' line with\n"
-    "the digest of the whole file.",
-    Run};
+    "the digest and size of the whole file (so that a scan hashes only files\n"
+    "of that size). FILE '-' is standard input. NAME must be one the database\n"
+    "reader accepts (letters, digits and . _ - / :). A column whose word is 0\n"
+    "(a region of one repeated byte, or past the end of a short file) is\n"
+    "refused: it would match far too many files.",
+    Run, kOptions};
 
 // Whether the fingerprint computes column `c` for a file of `length` bytes:
 // block columns past the data are not computed.
@@ -29,33 +39,24 @@ bool Computed(uint32_t c, uint32_t length) {
   return 64ull * (c - 1) < length;
 }
 
-int Run(Args args) {
+int Run(const Invocation& in) {
   std::vector<uint32_t> columns;
-  bool md5 = false;
-  std::vector<const char*> rest;
-  for (size_t i = 0; i < args.size(); ++i) {
-    if (std::strcmp(args[i], "--column") == 0) {
-      long long c = 0;
-      if (i + 1 == args.size() || !ParseInt(args[i + 1], c) || c < 1 || c > 37) {
-        return UsageError(kSig, "--column needs a number from 1 to 37");
-      }
-      columns.push_back(uint32_t(c));
-      ++i;
-    } else if (std::strcmp(args[i], "--md5") == 0) {
-      md5 = true;
-    } else if (args[i][0] == '-' && args[i][1] != '\0') {
-      return UsageError(kSig, "unknown option '%s'", args[i]);
-    } else {
-      rest.push_back(args[i]);
-    }
+  for (const ParsedOption& o : in.options()) {
+    long long c = 0;
+    if (o.id != kColumn) continue;
+    if (!ParseInt(o.value, c) || c < 1 || c > 37) return UsageError(kSig, "--column needs a number from 1 to 37");
+    columns.push_back(static_cast<uint32_t>(c));
   }
-  if (rest.size() != 2) return UsageError(kSig, "expected NAME and FILE");
+  const bool md5 = in.Has(kMd5);
+  if (in.operands().size() != 2) return UsageError(kSig, "expected NAME and FILE");
   if (columns.empty()) columns.push_back(37);
-  const char* name = rest[0];
-  const char* path = rest[1];
+  const char* name = in.operands()[0];
+  const char* path = in.operands()[1];
+  if (std::string why; !vrk::scan::ValidSignatureName(name, why)) return UsageError(kSig, "%s", why.c_str());
 
-  VFileHandle file = vrkvfile_open_path(path, VRKVFILE_COPY);
-  if (!file) return Fail(kExitFailure, "%s: cannot open", path);
+  vrktool::VFile opened;
+  if (!opened.Open(path)) return Fail(kExitFailure, "%s: %s", path, opened.error().c_str());
+  const VFileHandle file = opened.handle();
   unsigned char head[2048];
   const uint32_t length = VRead(head, 1, sizeof head, file);
   SEARCH_CRCFingerprint fingerprint{};
@@ -69,6 +70,10 @@ int Run(Args args) {
       status = Fail(kExitFailure, "%s: too short for column %u", path, c);
       continue;
     }
+    if (fingerprint.words[c] == 0) {
+      status = Fail(kExitFailure, "%s: column %u is 0 (one repeated byte or padding), which matches too much", path, c);
+      continue;
+    }
     std::printf("%s crc %u 0x%08x\n", name, c, fingerprint.words[c]);
   }
   if (md5) {
@@ -79,10 +84,9 @@ int Run(Args args) {
     } else {
       std::printf("%s md5 ", name);
       for (unsigned char b : digest) std::printf("%02x", b);
-      std::printf("\n");
+      std::printf(" %u\n", VFilelength(file));
     }
   }
-  vrkvfile_close(file);
   return status;
 }
 

@@ -5,22 +5,35 @@
 #include <string_view>
 
 #include "command.h"
+#include "json.h"
 #include "vrk_uri.h"
 
 namespace vrkutil {
 namespace {
 
-int Run(Args args);
+int Run(const Invocation& in);
+
+enum { kServer, kJson };
+constexpr Option kOptions[] = {{kServer, 0, "server", false}, {kJson, 0, "json", false}};
 
 const Command kUri{
     "uri", "[--server] [--json] [--] TEXT...", "split URI references into their components",
     "Parses each TEXT as a URI reference (as URI_Parse does) and prints one\n"
     "block per TEXT with every component: decoded text in double quotes, or\n"
     "(absent). A text without a scheme is read behind \"http://\".\n"
+    "\n"
     "  --server  read only the scheme and the server (URI_GetServer)\n"
-    "  --json    print one JSON object per TEXT instead\n"
+    "  --json    print one JSON object per TEXT instead: strings are UTF-8,\n"
+    "            and bytes that are not UTF-8 come out as \\udc80-\\udcff\n"
+    "            (surrogate escapes, which give the bytes back losslessly)\n"
+    "\n"
+    "The components are the parser's, as the library gives them: a registry\n"
+    "name keeps a port written after it (\"http://h_x:80/p\" gives reg_name\n"
+    "\"h_x:80\" and port 0), and \"#\" does not end a server, so an authority\n"
+    "followed by a fragment is a registry name (\"http://a.b#c\" has reg_name\n"
+    "\"a.b\" and no host).\n"
     "Exit status 1 when any TEXT is not a URI.",
-    Run};
+    Run, kOptions};
 
 struct Field {
   const char* name;
@@ -33,10 +46,14 @@ constexpr Field kTextFields[] = {
     {"query", &URI_Record::query},   {"fragment", &URI_Record::fragment},
 };
 
-// Writes `text` between double quotes with C-style escapes for quotes,
-// backslashes and bytes outside printable ASCII, so every value stays on
-// one line. JSON needs \u00XX where C would write \xXX.
+// Writes `text` between double quotes, so every value stays on one line:
+// C-style escapes for quotes, backslashes and bytes outside printable ASCII
+// in blocks; JSON strings (UTF-8, other bytes kept losslessly) with --json.
 void PrintQuoted(const char* text, bool json) {
+  if (json) {
+    std::fputs(JsonString(text).c_str(), stdout);
+    return;
+  }
   std::putchar('"');
   for (const char* p = text; *p; ++p) {
     const auto c = static_cast<unsigned char>(*p);
@@ -44,8 +61,6 @@ void PrintQuoted(const char* text, bool json) {
       std::printf("\\%c", c);
     } else if (c >= 0x20 && c < 0x7f) {
       std::putchar(c);
-    } else if (json) {
-      std::printf("\\u%04x", c);
     } else {
       std::printf("\\x%02x", c);
     }
@@ -91,31 +106,14 @@ void PrintJson(const char* input, const URI_Record* record) {
   std::printf("\"port\": %d}}\n", record->port);
 }
 
-int Run(Args args) {
-  bool server = false;
-  bool json = false;
-  size_t first = 0;
-  for (; first < args.size(); ++first) {
-    const std::string_view a = args[first];
-    if (a == "--") {
-      ++first;
-      break;
-    }
-    if (a.substr(0, 2) != "--") break;
-    if (a == "--server") {
-      server = true;
-    } else if (a == "--json") {
-      json = true;
-    } else {
-      return UsageError(kUri, "unknown option '%s'", args[first]);
-    }
-  }
-  if (first == args.size()) return UsageError(kUri, "expected at least one TEXT");
+int Run(const Invocation& in) {
+  const bool server = in.Has(kServer);
+  const bool json = in.Has(kJson);
+  if (in.operands().empty()) return UsageError(kUri, "expected at least one TEXT");
 
   int status = kExitOk;
   bool first_block = true;
-  for (size_t i = first; i < args.size(); ++i) {
-    const char* text = args[i];
+  for (const char* text : in.operands()) {
     URI_Record* record = server ? URI_GetServer(text) : URI_Parse(text);
     if (json) {
       PrintJson(text, record);

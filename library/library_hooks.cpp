@@ -21,7 +21,7 @@ constexpr int kModuleVersion = 0x01040309;
 constinit int g_lock_fd = 0;
 constexpr const char* kLockDirectory = "/tmp/";
 
-void InterProcessSystem_Open() {
+void OpenLockFile() {
   if (g_lock_fd != 0) return;
   char path[64];
   snprintf(path, sizeof path, "%s.interProcessSystem", kLockDirectory);
@@ -33,7 +33,7 @@ void InterProcessSystem_Open() {
   umask(old_mask);
 }
 
-void InterProcessSystem_Close() {
+void CloseLockFile() {
   // Descriptor 0 means "none held", even if open() really returned 0.
   if (g_lock_fd != 0) {
     close(g_lock_fd);
@@ -41,24 +41,24 @@ void InterProcessSystem_Close() {
   }
 }
 
-void Library_Init() {
+void SetUpFamilies() {
   // Registration must precede the library's first allocation.
   SetModuleVersion(kModuleNumber, kModuleVersion);
-  text::charconv_InitCPIndex();
+  text::BuildCodePageIndex();
 }
 
-void Library_Fini() { text::charconv_FreeCPIndex(); }
+void TearDownFamilies() { text::FreeCodePageIndex(); }
 
 // The only constructor and destructor of the library; every other global is
 // constant-initialised, so nothing runs or allocates before these.
 __attribute__((constructor)) void OnLoad() {
-  InterProcessSystem_Open();
-  Library_Init();
+  OpenLockFile();
+  SetUpFamilies();
 }
 
 __attribute__((destructor)) void OnUnload() {
-  Library_Fini();
-  InterProcessSystem_Close();
+  TearDownFamilies();
+  CloseLockFile();
 }
 
 }  // namespace
