@@ -6,18 +6,7 @@
 
 #include <cstring>
 
-// Code that runs from the dynamic loader's relocation of this library (the
-// kernel resolvers below and what they call) runs before the sanitizer
-// runtimes are set up, so it must not be instrumented (nor, in fuzz builds,
-// count coverage).
-#if defined(__clang__)
-#define VRK_NO_COVERAGE __attribute__((no_sanitize("coverage")))
-#else
-#define VRK_NO_COVERAGE
-#endif
-#define VRK_UNINSTRUMENTED \
-  __attribute__((no_sanitize_address, no_sanitize("undefined"), no_stack_protector)) VRK_NO_COVERAGE
-#define VRK_RESOLVER VRK_UNINSTRUMENTED __attribute__((used, visibility("hidden")))
+#include "frame/load_time.h"
 
 namespace vrk::checksum {
 namespace {

@@ -168,9 +168,15 @@ struct ImportEntry {
   uint32_t slot;
 };
 
+// Where the names of a descriptor's imports are read: the lookup table, or
+// the address table when OriginalFirstThunk is 0, as a loader finds them in
+// a file; in an image already bound the address table holds addresses, so a
+// reader of it asks for the lookup table only.
+enum class ImportNames : uint8_t { kLookupOrAddressTable, kLookupTableOnly };
+
 // Walks the import directory: visitor.Module(dll_name) once per descriptor,
-// then visitor.Entry(entry) for each thunk of its lookup table (the address
-// table itself when OriginalFirstThunk is 0), in table order. The walk ends
+// then visitor.Entry(entry) for each thunk of its lookup table (see
+// ImportNames), in table order. The walk ends
 // with kOk at the descriptor whose FirstThunk is 0 (or at once without an
 // import directory); with the visitor's first result other than kOk; with
 // kImportOutside at a descriptor, DLL name, thunk, import name or slot
@@ -178,7 +184,8 @@ struct ImportEntry {
 // lookup would take for a name pointer. A cut walk would leave address-table
 // slots unbound, so nothing past such a point is visited.
 template <class View, class Visitor>
-LoadStatus WalkImports(const View& view, const PE_IMAGE_NT_HEADERS32& nt, Visitor& visitor) {
+LoadStatus WalkImports(const View& view, const PE_IMAGE_NT_HEADERS32& nt, Visitor& visitor,
+                       ImportNames names = ImportNames::kLookupOrAddressTable) {
   const uint32_t dir = Directory(nt, PE_DIRECTORY_ENTRY_IMPORT).VirtualAddress;
   if (dir == 0) return LoadStatus::kOk;
   for (uint64_t d = dir;; d += sizeof(PE_IMAGE_IMPORT_DESCRIPTOR)) {
@@ -189,6 +196,7 @@ LoadStatus WalkImports(const View& view, const PE_IMAGE_NT_HEADERS32& nt, Visito
     if (!dll) return LoadStatus::kImportOutside;
     if (const LoadStatus s = visitor.Module(dll); s != LoadStatus::kOk) return s;
     const uint32_t lookup = desc.OriginalFirstThunk != 0 ? desc.OriginalFirstThunk : desc.FirstThunk;
+    if (desc.OriginalFirstThunk == 0 && names == ImportNames::kLookupTableOnly) continue;
     for (uint64_t k = 0;; ++k) {
       const uint64_t thunk_rva = lookup + 4 * k;
       const uint64_t slot_rva = desc.FirstThunk + 4 * k;

@@ -98,58 +98,22 @@ static_assert(kUtf8Quads.shuffle[80][0] == 2 && kUtf8Quads.shuffle[80][2] == 0 &
 
 }  // namespace
 
-// Each region gives every function defined in it the instruction set named
-// (GCC through its target pragma, clang, which fuzz builds use, through an
-// attribute applied to each function).
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("sse2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("sse2")
-#endif
+// Each version is kernels_simd.inc compiled in a region of its own
+// instruction set and namespace (kernels_simd_version.inc opens and closes
+// the region).
+#define VRK_SIMD_TARGET "sse2"
 #define VRK_SIMD_LEVEL 2
-namespace sse2 {
-#include "text/kernels_simd.inc"
-}  // namespace sse2
-#undef VRK_SIMD_LEVEL
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+#define VRK_SIMD_NAMESPACE sse2
+#include "text/kernels_simd_version.inc"
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("ssse3,sse4.1"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("ssse3,sse4.1")
-#endif
+#define VRK_SIMD_TARGET "ssse3,sse4.1"
 #define VRK_SIMD_LEVEL 41
-namespace sse41 {
-#include "text/kernels_simd.inc"
-}  // namespace sse41
-#undef VRK_SIMD_LEVEL
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+#define VRK_SIMD_NAMESPACE sse41
+#include "text/kernels_simd_version.inc"
 
-#if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
-#else
-#pragma GCC push_options
-#pragma GCC target("avx2")
-#endif
+#define VRK_SIMD_TARGET "avx2"
 #define VRK_SIMD_LEVEL 256
-namespace avx2 {
-#include "text/kernels_simd.inc"
-}  // namespace avx2
-#undef VRK_SIMD_LEVEL
-#if defined(__clang__)
-#pragma clang attribute pop
-#else
-#pragma GCC pop_options
-#endif
+#define VRK_SIMD_NAMESPACE avx2
+#include "text/kernels_simd_version.inc"
 
 }  // namespace vrk::text

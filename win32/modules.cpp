@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "pe/image_span.h"
 #include "win32/context.h"
 #include "win32/natives.h"
 #include "win32/pe_imports.h"
@@ -18,10 +19,6 @@ namespace {
 
 constexpr uint32_t kDllProcessDetach = 0;
 constexpr uint32_t kDllProcessAttach = 1;
-constexpr uint16_t kCharacteristicsDll = 0x2000;
-constexpr uint16_t kMachineI386 = 0x014C;
-constexpr uint16_t kMagicPe32 = 0x010B;
-constexpr uint16_t kDllCharacteristicsCallEntry = 0x0001;
 
 // The file name of a Windows or POSIX path.
 std::string BaseName(const std::string& path) {
@@ -60,9 +57,7 @@ const PELOAD_IMAGE* ImageOf(const PELOAD_MODULE* entry) {
 bool NtHeadersOf(const PELOAD_MODULE* entry, PE_IMAGE_NT_HEADERS32& nt) {
   const PELOAD_IMAGE* image = ImageOf(entry);
   if (!image || !image->image) return false;
-  const ByteView view(image->image, image->size);
-  uint32_t lfanew = 0;
-  return view.Read(0x3C, lfanew) && view.Read(lfanew, nt);
+  return pe::ImageSpan(image->image, image->size).NtHeaders(nt);
 }
 
 uint32_t BaseOf(const PELOAD_MODULE* entry) {
@@ -147,8 +142,8 @@ bool Context::Plan(const std::string& path, std::vector<std::string>& order, std
   // run as garbage.
   uint32_t lfanew = 0;
   PE_IMAGE_NT_HEADERS32 nt{};
-  if (!view.Read(0x3C, lfanew) || !view.Read(lfanew, nt) || nt.FileHeader.Machine != kMachineI386 ||
-      nt.OptionalHeader.Magic != kMagicPe32) {
+  if (!view.Read(pe::kLfanewOffset, lfanew) || !view.Read(lfanew, nt) || nt.FileHeader.Machine != pe::kMachineI386 ||
+      nt.OptionalHeader.Magic != pe::kMagicPe32) {
     char detail[64];
     std::snprintf(detail, sizeof detail, " (machine 0x%04x, optional header 0x%03x)", nt.FileHeader.Machine,
                   nt.OptionalHeader.Magic);
@@ -230,9 +225,9 @@ PELOAD_MODULE* Context::LoadOne(const std::string& path, bool requested, Failure
 
   PE_IMAGE_NT_HEADERS32 nt;
   if (!NtHeadersOf(entry, nt)) return entry;
-  const bool is_dll = (nt.FileHeader.Characteristics & kCharacteristicsDll) != 0;
+  const bool is_dll = (nt.FileHeader.Characteristics & pe::kFileDll) != 0;
   if (!is_dll || nt.OptionalHeader.AddressOfEntryPoint == 0) return entry;
-  if (nt.OptionalHeader.DllCharacteristics & kDllCharacteristicsCallEntry) {
+  if (pe::AsksForEntryPoint(nt)) {
     // The loader ran it already, with the process record as lpReserved.
     modules_[index].attached = true;
     attach_order_.push_back(index);

@@ -1,6 +1,7 @@
 // The import directory of a PE module, read either from its file (RVAs
-// mapped through the section table) or from its loaded image (RVA = offset).
-// Every read is bounds-checked: the file is as hostile as any other input.
+// mapped through the section table) or from its loaded image (RVA = offset),
+// by the PE family's walker. Every read is bounds-checked: the file is as
+// hostile as any other input.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +22,8 @@ struct ImportedDll {
 // The imports of the PE file in `file`; false when it is not a PE file or its
 // import directory does not lie inside it.
 bool ReadFileImports(ByteView file, std::vector<ImportedDll>& out);
-// The same from a loaded image, whose lookup tables still hold the names.
-bool ReadImageImports(ByteView image, std::vector<ImportedDll>& out);
+// The same from a loaded image of `size` bytes, whose lookup tables still
+// hold the names (its address tables hold addresses by now).
+bool ReadImageImports(uint8_t* image, uint32_t size, std::vector<ImportedDll>& out);
 
 }  // namespace vrk::win32

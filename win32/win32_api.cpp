@@ -159,7 +159,7 @@ int VRKW32_ListImports(VRKW32_CONTEXT* context, VRKW32_IMPORT_FN fn, void* user)
     if (!m.entry) continue;
     const auto* image = static_cast<const PELOAD_IMAGE*>(m.entry->handle);
     std::vector<vrk::win32::ImportedDll> imports;
-    (void)vrk::win32::ReadImageImports(vrk::ByteView(image->image, image->size), imports);
+    (void)vrk::win32::ReadImageImports(image->image, image->size, imports);
     ++listed;
     for (const vrk::win32::ImportedDll& dll : imports) {
       const vrk::win32::NativeDll* native = vrk::win32::FindServedDll(dll.dll.c_str());
