@@ -150,33 +150,28 @@ DWORD VRKW32_WINAPI GetVersion() {
   return DWORD(peb.os_build_number) << 16 | peb.os_minor_version << 8 | peb.os_major_version;
 }
 
-BOOL VRKW32_WINAPI GetVersionExA(void* info) {
+// OSVERSIONINFO(EX)A/W: the caller states the size of the record it passes;
+// the EX form adds service pack, suite and product type after the base one.
+static BOOL GetVersionExFor(void* info, bool wide) {
   auto* bytes = static_cast<uint8_t*>(info);
+  const DWORD base = wide ? kVersionInfoW : kVersionInfoA;
+  const DWORD extended = wide ? kVersionInfoExW : kVersionInfoExA;
   DWORD size = 0;
   if (bytes) std::memcpy(&size, bytes, 4);
-  if (size != kVersionInfoA && size != kVersionInfoExA) {
+  if (size != base && size != extended) {
     SetLastError(kErrorInsufficientBuffer);
     return kFalse;
   }
-  FillVersion(bytes, false);
-  if (size == kVersionInfoExA) std::memset(bytes + 148, 0, 8);  // service pack, suite, product type
-  if (size == kVersionInfoExA) bytes[154] = 1;                   // VER_NT_WORKSTATION
+  FillVersion(bytes, wide);
+  if (size == extended) {
+    std::memset(bytes + base, 0, 8);  // service pack, suite, product type
+    bytes[base + 6] = 1;              // VER_NT_WORKSTATION
+  }
   return kTrue;
 }
 
-BOOL VRKW32_WINAPI GetVersionExW(void* info) {
-  auto* bytes = static_cast<uint8_t*>(info);
-  DWORD size = 0;
-  if (bytes) std::memcpy(&size, bytes, 4);
-  if (size != kVersionInfoW && size != kVersionInfoExW) {
-    SetLastError(kErrorInsufficientBuffer);
-    return kFalse;
-  }
-  FillVersion(bytes, true);
-  if (size == kVersionInfoExW) std::memset(bytes + 276, 0, 8);
-  if (size == kVersionInfoExW) bytes[282] = 1;
-  return kTrue;
-}
+BOOL VRKW32_WINAPI GetVersionExA(void* info) { return GetVersionExFor(info, false); }
+BOOL VRKW32_WINAPI GetVersionExW(void* info) { return GetVersionExFor(info, true); }
 
 void VRKW32_WINAPI GetSystemInfo(void* info) {
   struct {
